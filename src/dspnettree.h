@@ -1,0 +1,91 @@
+#ifndef DSPNETTREE_H
+#define DSPNETTREE_H
+
+#include <QHash>
+#include <QObject>
+#include <QString>
+#include <QUuid>
+#include <QVector>
+
+class ProfilerNetwork;
+
+// One DSP unit of the target's network.
+struct DSPNode
+{
+    // One connection into a unit. The node is owned by DSPTree::nodesById.
+    struct InputRecord
+    {
+        DSPNode* node = nullptr;
+        bool sidechain = false;
+        bool send = false;
+    };
+
+    DSPNode() = default;
+    DSPNode(const DSPNode&) = delete;
+    DSPNode& operator=(const DSPNode&) = delete;
+    DSPNode& operator=(DSPNode&& other) noexcept;
+
+    unsigned long long id = 0;
+    unsigned long long groupId = 0;
+    unsigned long long sendTargetId = 0;
+    QString name;
+    bool active = false;
+    bool bypass = false;
+    quint32 inclusiveUsage = 0;
+    float inclusiveCPU = 0.0f;
+    quint32 exclusiveUsage = 0;
+    float exclusiveCPU = 0.0f;
+    QVector<char> levels;
+    QVector<InputRecord> inputs;
+    int depth = -1;
+};
+
+// One channel group.
+struct GroupNode
+{
+    unsigned long long id = 0;
+    unsigned long long parentId = 0;
+    QUuid guid;
+    QString name;
+};
+
+// The target's DSP network and channel groups, rebuilt from each packet.
+class DSPTree : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit DSPTree(ProfilerNetwork* network);
+    ~DSPTree() override;
+
+    bool readDSPData();
+    bool readGroupData();
+    void createDSPRecurse(const char** cursor, DSPNode* parent);
+    void createDSPUsage();
+    void createDSPDepthRecurse(QHash<DSPNode*, bool>* onPath, DSPNode* node);
+    void createGroup(const char* records, int count);
+
+    void sendDSPCommandString(QString text);
+    void sendDSPCommandEnable(unsigned long long id, bool enable);
+    void sendDSPCommandBypass(unsigned long long id, bool bypass);
+    void sendGroupCommandString(QString text);
+
+    QVector<GroupNode*> groups;
+    QHash<unsigned long long, DSPNode*> nodesById;
+    DSPNode root;
+    ProfilerNetwork* network;
+    int dspVersion = -1;
+    int groupVersion = -1;
+    float cpuUsage = 0.0f;
+    int timingRate = 0;
+    int timingLength = 0;
+
+signals:
+    void dspNetTreeUpdated();
+    void statusChanged(QString status);
+
+public slots:
+    void slotPacketArrived();
+};
+
+#endif // DSPNETTREE_H

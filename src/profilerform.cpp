@@ -1,0 +1,213 @@
+#include "profilerform.h"
+
+#include "profilernetwork.h"
+
+#include <QFontMetrics>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QSplitter>
+#include <QVBoxLayout>
+
+namespace
+{
+
+struct StreamRequest
+{
+    unsigned char type;
+    unsigned int period;
+};
+
+// The streams asked for when the link comes up, in the order they are sent.
+const StreamRequest StreamRequests[] = {
+    { TARN::PacketTypeDSPNetwork, 100 },
+    { TARN::PacketTypeGroups, 100 },
+    { TARN::PacketTypeCPU, 200 },
+    { TARN::PacketTypeChannels, 200 },
+    { TARN::PacketTypeCodecs, 200 },
+    { TARN::PacketTypeStats, 200 },
+};
+
+} // namespace
+
+ProfilerForm::ProfilerForm(QWidget* parent, Qt::WindowFlags flags)
+    : QWidget(parent, flags)
+{
+    network = new ProfilerNetwork();
+    uiConnecting = false;
+    uiConnected = false;
+
+    statusCaptionLabel = new QLabel();
+    statusLabel = new QLabel();
+    ipLabel = new QLabel();
+    ipEdit = new QLineEdit();
+    portLabel = new QLabel();
+    portEdit = new QLineEdit();
+    connectButton = new QPushButton();
+    pauseButton = new QPushButton();
+    connectionLayout = new QHBoxLayout();
+    splitter = new QSplitter();
+    mainLayout = new QVBoxLayout();
+
+    connect(network, &ProfilerNetwork::statusChanged, this, &ProfilerForm::slotStatusChanged);
+    connect(connectButton, &QPushButton::clicked, this, &ProfilerForm::slotConnect);
+    connect(pauseButton, &QPushButton::clicked, this, &ProfilerForm::slotPause);
+
+    statusCaptionLabel->setText(QStringLiteral("Status:"));
+    statusLabel->setText(QStringLiteral("Disconnected."));
+    ipLabel->setText(QStringLiteral("IP:"));
+    portLabel->setText(QStringLiteral("Port:"));
+
+    const QFontMetrics metrics(ipEdit->font());
+    ipEdit->setInputMask(QStringLiteral("000.000.000.000;_"));
+    ipEdit->setAlignment(Qt::AlignHCenter);
+    ipEdit->setText(QStringLiteral("127.0.0.1"));
+    ipEdit->setMaximumWidth(metrics.horizontalAdvance(QStringLiteral("  000.000.000.000  ")));
+    ipEdit->setSizePolicy(QSizePolicy::Minimum, QSizePolicy::Preferred);
+
+    portEdit->setInputMask(QStringLiteral("00000;_"));
+    portEdit->setAlignment(Qt::AlignHCenter);
+    portEdit->setText(QStringLiteral("%1").arg(9264));
+    portEdit->setMaximumWidth(metrics.horizontalAdvance(QStringLiteral("  00000  ")));
+    portEdit->setSizePolicy(QSizePolicy::Minimum, QSizePolicy::Preferred);
+
+    connectButton->setText(QStringLiteral("Connect"));
+    pauseButton->setText(QStringLiteral("Pause"));
+    pauseButton->setEnabled(false);
+
+    connectionLayout->setContentsMargins(2, 2, 2, 2);
+    connectionLayout->addWidget(statusCaptionLabel);
+    connectionLayout->addWidget(statusLabel);
+    connectionLayout->addStretch();
+    connectionLayout->addWidget(ipLabel);
+    connectionLayout->addWidget(ipEdit);
+    connectionLayout->addWidget(portLabel);
+    connectionLayout->addWidget(portEdit);
+    connectionLayout->addWidget(connectButton);
+    connectionLayout->addWidget(pauseButton);
+    connectionLayout->setSpacing(6);
+
+    splitter->setOrientation(Qt::Vertical);
+    splitter->setChildrenCollapsible(false);
+    splitter->setOpaqueResize(false);
+    splitter->setContentsMargins(0, 0, 0, 0);
+
+    mainLayout->addLayout(connectionLayout);
+    mainLayout->addWidget(splitter);
+    mainLayout->setSpacing(2);
+    setLayout(mainLayout);
+
+    setWindowTitle(QStringLiteral("Profiler"));
+}
+
+ProfilerForm::~ProfilerForm()
+{
+    delete network;
+    network = nullptr;
+}
+
+void ProfilerForm::requestData(bool on)
+{
+    for (const StreamRequest& request : StreamRequests)
+        network->requestDataType(request.type, TARN::PacketSubtypeData, on ? request.period : 0);
+}
+
+void ProfilerForm::setPaused(bool paused)
+{
+    network->paused = paused;
+}
+
+bool ProfilerForm::getPaused()
+{
+    return network->paused;
+}
+
+void ProfilerForm::slotConnect()
+{
+    if (network->isConnected() || network->isConnecting())
+        network->disconnectFromHost();
+    else
+        network->connectToHost(ipEdit->text(), portEdit->text().toUShort(nullptr, 10));
+}
+
+void ProfilerForm::slotPause()
+{
+    network->paused = !network->paused;
+    pauseButton->setText(network->paused ? QStringLiteral("Resume") : QStringLiteral("Pause"));
+}
+
+void ProfilerForm::slotStatusChanged(QString status)
+{
+    const bool wasConnecting = uiConnecting;
+    const bool wasConnected = uiConnected;
+
+    statusLabel->setText(status);
+
+    if (!wasConnecting && network->isConnecting())
+        applyConnectingLook();
+
+    const bool connectedNow = network->isConnected();
+    if (wasConnected) {
+        if (!connectedNow) {
+            applyDisconnectedLook();
+            return;
+        }
+    } else if (connectedNow) {
+        applyConnectedLook();
+        requestData(true);
+        return;
+    }
+
+    if (wasConnecting && !network->isConnecting() && !connectedNow) {
+        applyDisconnectedLook();
+        showConnectionError();
+    }
+}
+
+void ProfilerForm::closeEvent(QCloseEvent*)
+{
+    emit signalWindowClose();
+}
+
+void ProfilerForm::applyDisconnectedLook()
+{
+    applyLook(false, false);
+}
+
+void ProfilerForm::applyConnectingLook()
+{
+    applyLook(true, false);
+}
+
+void ProfilerForm::applyConnectedLook()
+{
+    applyLook(false, true);
+}
+
+// Each look sets the whole bar at once; every change of look also ends a
+// pause, so views never stay frozen across a reconnection.
+void ProfilerForm::applyLook(bool connectingLook, bool connectedLook)
+{
+    uiConnecting = connectingLook;
+    uiConnected = connectedLook;
+    network->paused = false;
+    const bool editable = !connectingLook && !connectedLook;
+    ipEdit->setEnabled(editable);
+    portEdit->setEnabled(editable);
+    connectButton->setText(editable ? QStringLiteral("Connect") : QStringLiteral("Disconnect"));
+    pauseButton->setEnabled(connectedLook);
+    pauseButton->setText(QStringLiteral("Pause"));
+}
+
+void ProfilerForm::showConnectionError()
+{
+    QMessageBox box(QMessageBox::Information, QStringLiteral("Connection Error"),
+                    QStringLiteral("Could not connect to target."), QMessageBox::NoButton, this);
+    box.setInformativeText(QStringLiteral(
+        "> Target IP address or port is incorrect.\n\n"
+        "> Target is not running or not yet initialized.\n\n"
+        "> Target has not enabled profiling with TARN_INIT_PROFILE_ENABLE in System::init."));
+    box.exec();
+}

@@ -1,0 +1,64 @@
+#ifndef PROFILERFORM_H
+#define PROFILERFORM_H
+
+#include <QString>
+#include <QWidget>
+
+class QCloseEvent;
+class QHBoxLayout;
+class QLabel;
+class QLineEdit;
+class QPushButton;
+class QSplitter;
+class QVBoxLayout;
+class ProfilerNetwork;
+
+// The main form: connection bar, status line and the two view panels. It
+// owns the network link and the collectors that feed the panels.
+class ProfilerForm : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit ProfilerForm(QWidget* parent = nullptr, Qt::WindowFlags flags = Qt::WindowFlags());
+    ~ProfilerForm() override;
+
+    void requestData(bool on);
+    void setPaused(bool paused);
+    bool getPaused();
+
+signals:
+    void signalWindowClose();
+
+public slots:
+    void slotConnect();
+    void slotPause();
+    void slotStatusChanged(QString status);
+
+protected:
+    void closeEvent(QCloseEvent* event) override;
+
+private:
+    void applyDisconnectedLook();
+    void applyConnectingLook();
+    void applyConnectedLook();
+    void applyLook(bool connectingLook, bool connectedLook);
+    void showConnectionError();
+
+    ProfilerNetwork* network;
+    bool uiConnecting;
+    bool uiConnected;
+    QLabel* statusCaptionLabel;
+    QLabel* statusLabel;
+    QLabel* ipLabel;
+    QLineEdit* ipEdit;
+    QLabel* portLabel;
+    QLineEdit* portEdit;
+    QPushButton* connectButton;
+    QPushButton* pauseButton;
+    QHBoxLayout* connectionLayout;
+    QSplitter* splitter;
+    QVBoxLayout* mainLayout;
+};
+
+#endif // PROFILERFORM_H

@@ -1,0 +1,270 @@
+#include "profilernetwork.h"
+
+#include <QTcpSocket>
+#include <QTimer>
+
+namespace
+{
+
+const int ReconnectIntervalMs = 5000;
+const int IdleTimeoutMs = 3000;
+
+bool packetMatches(const QByteArray& packet, unsigned char type, unsigned char subtype)
+{
+    return static_cast<unsigned char>(packet.at(TARN::PacketTypeOffset)) == type
+        && static_cast<unsigned char>(packet.at(TARN::PacketSubtypeOffset)) == subtype;
+}
+
+} // namespace
+
+ProfilerNetwork::ProfilerNetwork()
+    : paused(false)
+    , socket(new QTcpSocket)
+    , packetList(new QList<QByteArray>)
+    , reconnectTimer(new QTimer(this))
+    , idleTimer(new QTimer(this))
+    , connecting(false)
+    , autoReconnect(false)
+    , hostName(QStringLiteral("127.0.0.1"))
+    , port(DefaultProfilerPort)
+    , waitingBytes(0)
+{
+    reconnectTimer->setInterval(ReconnectIntervalMs);
+    idleTimer->setInterval(IdleTimeoutMs);
+    idleTimer->setSingleShot(true);
+
+    // Without a limit the socket buffers whatever a flooding target sends.
+    // The limit must still hold the largest packet we accept, or that packet
+    // could never be completed.
+    socket->setReadBufferSize(MaxPacketSize + 64 * 1024);
+
+    connect(socket, &QTcpSocket::connected, this, &ProfilerNetwork::slotSocketConnected);
+    connect(socket, &QTcpSocket::readyRead, this, &ProfilerNetwork::slotPacketArrived);
+    connect(socket, &QTcpSocket::errorOccurred, this, &ProfilerNetwork::slotSocketErrorOccurred);
+    connect(reconnectTimer, &QTimer::timeout, this, &ProfilerNetwork::slotReconnectTimeout);
+    connect(idleTimer, &QTimer::timeout, this, &ProfilerNetwork::slotIdleTimeout);
+}
+
+ProfilerNetwork::~ProfilerNetwork()
+{
+    delete socket;
+    delete packetList;
+}
+
+void ProfilerNetwork::connectToHost(QString host, unsigned short port)
+{
+    startConnection(host, port);
+}
+
+void ProfilerNetwork::disconnectFromHost()
+{
+    socket->abort();
+    setState(StateDisconnected);
+}
+
+bool ProfilerNetwork::isConnecting()
+{
+    return connecting || autoReconnect;
+}
+
+bool ProfilerNetwork::isConnected()
+{
+    return socket->state() == QAbstractSocket::ConnectedState;
+}
+
+void ProfilerNetwork::setAutoReconnect(bool on)
+{
+    autoReconnect = on;
+    if (on)
+        reconnectTimer->start();
+    else
+        reconnectTimer->stop();
+}
+
+void ProfilerNetwork::requestDataType(unsigned char type, unsigned char subtype, unsigned int updateInterval)
+{
+    if (!isConnected())
+        return;
+    idleTimer->stop();
+
+    TARN::ProfilePacketDataRequest request;
+    request.header = TARN::makeHeader(sizeof request, TARN::PacketTypeRequest, TARN::PacketSubtypeData, 0);
+    request.requestedType = type;
+    request.requestedSubtype = subtype;
+    request.updateInterval = updateInterval;
+
+    if (!isConnected())
+        return;
+    if (socket->write(reinterpret_cast<const char*>(&request), sizeof request) != qint64(sizeof request))
+        failWithSocketError();
+}
+
+void ProfilerNetwork::sendCommand(TARN::ProfilePacketHeader* packet)
+{
+    if (!isConnected())
+        return;
+    const qint64 size = packet->size;
+    if (socket->write(reinterpret_cast<const char*>(packet), size) != size)
+        failWithSocketError();
+}
+
+int ProfilerNetwork::getNumWaitingPackets(unsigned char type, unsigned char subtype)
+{
+    int count = 0;
+    for (const QByteArray& packet : qAsConst(*packetList)) {
+        if (packetMatches(packet, type, subtype))
+            ++count;
+    }
+    return count;
+}
+
+QByteArray ProfilerNetwork::getPacket(unsigned char type, unsigned char subtype)
+{
+    for (int i = 0; i < packetList->size(); ++i) {
+        if (packetMatches(packetList->at(i), type, subtype)) {
+            waitingBytes -= packetList->at(i).size();
+            return packetList->takeAt(i);
+        }
+    }
+    return QByteArray();
+}
+
+void ProfilerNetwork::slotSocketConnected()
+{
+    setState(StateConnected);
+}
+
+void ProfilerNetwork::slotSocketErrorOccurred(QAbstractSocket::SocketError socketError)
+{
+    switch (socketError) {
+    case QAbstractSocket::ConnectionRefusedError:
+        setState(StateConnectFailed);
+        break;
+    case QAbstractSocket::RemoteHostClosedError:
+        setState(StateTargetClosed);
+        break;
+    default:
+        setState(StateSocketError);
+        break;
+    }
+}
+
+void ProfilerNetwork::slotPacketArrived()
+{
+    idleTimer->start();
+
+    while (socket->bytesAvailable() >= TARN::ProfilePacketHeaderSize) {
+        char header[TARN::ProfilePacketHeaderSize];
+        if (socket->peek(header, sizeof header) != qint64(sizeof header)) {
+            failWithSocketError();
+            return;
+        }
+        const quint32 size = qFromLittleEndian<quint32>(header);
+        // A size below the header's own would never consume anything and
+        // spin here; one above the bound would buffer without limit.
+        if (size < quint32(TARN::ProfilePacketHeaderSize) || size > MaxPacketSize) {
+            failWithSocketError();
+            return;
+        }
+        if (socket->bytesAvailable() < qint64(size))
+            break;
+        const QByteArray packet = socket->read(size);
+        if (packet.size() != int(size)) {
+            failWithSocketError();
+            return;
+        }
+        appendPacket(packet);
+    }
+
+    if (packetList->isEmpty())
+        return;
+    if (paused) {
+        packetList->clear();
+        waitingBytes = 0;
+    } else {
+        emit packetReady();
+    }
+}
+
+void ProfilerNetwork::slotReconnectTimeout()
+{
+    const QString host = hostName;
+    startConnection(host, port);
+}
+
+void ProfilerNetwork::slotIdleTimeout()
+{
+    socket->abort();
+    setState(StateTargetClosed);
+}
+
+void ProfilerNetwork::setState(ProfilerNetworkState state)
+{
+    switch (state) {
+    case StateDisconnected:
+        connecting = false;
+        autoReconnect = false;
+        reconnectTimer->stop();
+        idleTimer->stop();
+        emit statusChanged(QStringLiteral("Disconnected."));
+        break;
+    case StateConnecting:
+        connecting = true;
+        if (!autoReconnect)
+            emit statusChanged(QStringLiteral("Attempting to connect..."));
+        break;
+    case StateConnected:
+        connecting = false;
+        autoReconnect = false;
+        reconnectTimer->stop();
+        emit statusChanged(QStringLiteral("Connected."));
+        break;
+    case StateConnectFailed:
+        connecting = false;
+        if (!autoReconnect)
+            emit statusChanged(QStringLiteral("Connection failed... Disconnected."));
+        break;
+    case StateTargetClosed:
+        connecting = false;
+        autoReconnect = true;
+        reconnectTimer->start();
+        idleTimer->stop();
+        emit statusChanged(QStringLiteral("Target closed... Attempting reconnection."));
+        break;
+    case StateSocketError:
+        connecting = false;
+        autoReconnect = false;
+        reconnectTimer->stop();
+        idleTimer->stop();
+        emit statusChanged(QStringLiteral("A socket error has occurred... Disconnected."));
+        break;
+    }
+}
+
+void ProfilerNetwork::startConnection(const QString& host, unsigned short requestedPort)
+{
+    hostName = host;
+    port = requestedPort == 0 ? quint16(DefaultProfilerPort) : requestedPort;
+    setState(StateConnecting);
+    // A previous attempt may still be under way when the reconnect timer
+    // fires; connecting a busy socket would be refused as an operation error.
+    if (socket->state() != QAbstractSocket::UnconnectedState)
+        socket->abort();
+    socket->connectToHost(hostName, port, QIODevice::ReadWrite, QAbstractSocket::AnyIPProtocol);
+}
+
+void ProfilerNetwork::failWithSocketError()
+{
+    socket->abort();
+    setState(StateSocketError);
+}
+
+void ProfilerNetwork::appendPacket(const QByteArray& packet)
+{
+    packetList->append(packet);
+    waitingBytes += packet.size();
+    while (packetList->size() > MaxWaitingPackets || waitingBytes > MaxWaitingBytes) {
+        waitingBytes -= packetList->first().size();
+        packetList->removeFirst();
+    }
+}

@@ -1,0 +1,89 @@
+#ifndef PROFILERNETWORK_H
+#define PROFILERNETWORK_H
+
+#include "profilepacket.h"
+
+#include <QAbstractSocket>
+#include <QByteArray>
+#include <QList>
+#include <QObject>
+#include <QString>
+
+class QTcpSocket;
+class QTimer;
+
+// The link to the target: connection state, framing of the byte stream into
+// packets, and the queue from which collectors take packets by type.
+class ProfilerNetwork : public QObject
+{
+    Q_OBJECT
+
+public:
+    enum ProfilerNetworkState
+    {
+        StateDisconnected,
+        StateConnecting,
+        StateConnected,
+        StateConnectFailed,
+        StateTargetClosed,
+        StateSocketError
+    };
+
+    enum : unsigned short
+    {
+        DefaultProfilerPort = 9264
+    };
+
+    // The largest packet we accept. A real 500000-unit network snapshot is
+    // about 47 MB; anything claiming more is a broken or hostile target, and
+    // buffering it would let one header eat the machine's memory.
+    static constexpr quint32 MaxPacketSize = 64u * 1024u * 1024u;
+    // Packets of types nobody takes would otherwise pile up forever; beyond
+    // these bounds the oldest waiting packets are dropped.
+    static constexpr int MaxWaitingPackets = 1024;
+    static constexpr qint64 MaxWaitingBytes = 2 * qint64(MaxPacketSize);
+
+    ProfilerNetwork();
+    ~ProfilerNetwork() override;
+
+    void connectToHost(QString host, unsigned short port);
+    void disconnectFromHost();
+    bool isConnecting();
+    bool isConnected();
+    void setAutoReconnect(bool on);
+    void requestDataType(unsigned char type, unsigned char subtype, unsigned int updateInterval);
+    void sendCommand(TARN::ProfilePacketHeader* packet);
+    int getNumWaitingPackets(unsigned char type, unsigned char subtype);
+    QByteArray getPacket(unsigned char type, unsigned char subtype);
+
+    bool paused;
+
+signals:
+    void statusChanged(QString status);
+    void packetReady();
+
+public slots:
+    void slotSocketConnected();
+    void slotSocketErrorOccurred(QAbstractSocket::SocketError socketError);
+    void slotPacketArrived();
+    void slotReconnectTimeout();
+    void slotIdleTimeout();
+
+private:
+    void setState(ProfilerNetworkState state);
+    void startConnection(const QString& host, unsigned short port);
+    void failWithSocketError();
+    void appendPacket(const QByteArray& packet);
+
+    QTcpSocket* socket;
+    QList<QByteArray>* packetList;
+    QTimer* reconnectTimer;
+    QTimer* idleTimer;
+    bool connecting;
+    bool autoReconnect;
+    QString hostName;
+    quint16 port;
+    qint64 waitingBytes;
+};
+
+#endif // PROFILERNETWORK_H

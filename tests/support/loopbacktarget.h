@@ -1,0 +1,44 @@
+#ifndef LOOPBACKTARGET_H
+#define LOOPBACKTARGET_H
+
+#include <QByteArray>
+#include <QObject>
+#include <QPointer>
+#include <QTcpServer>
+#include <QTcpSocket>
+
+// A stand-in target on 127.0.0.1 with an OS-chosen port. It accepts one
+// profiler at a time, records what the profiler sends and sends whatever
+// the test gives it.
+class LoopbackTarget : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit LoopbackTarget(QObject* parent = nullptr);
+
+    quint16 port() const { return server.serverPort(); }
+    bool waitForClient(int timeoutMs = 5000);
+    bool hasClient() const { return !client.isNull(); }
+
+    // Sends bytes and flushes them to the OS at once.
+    void send(const QByteArray& bytes);
+    // Waits until at least `count` bytes arrived from the profiler.
+    bool waitForReceived(int count, int timeoutMs = 5000);
+    QByteArray received() const { return receivedBytes; }
+    void clearReceived() { receivedBytes.clear(); }
+
+    // Orderly close (the profiler sees the remote close) and a hard reset.
+    void closeClient();
+    void resetClient();
+    void stopListening() { server.close(); }
+
+private:
+    void onNewConnection();
+
+    QTcpServer server;
+    QPointer<QTcpSocket> client;
+    QByteArray receivedBytes;
+};
+
+#endif // LOOPBACKTARGET_H

@@ -1,0 +1,101 @@
+#include "packetbuilder.h"
+
+#include <QFile>
+#include <QtEndian>
+
+#include <cstring>
+
+PacketBuilder::PacketBuilder(quint8 type, quint8 subtype, quint8 version)
+{
+    bytes = QByteArray(12, '\0');
+    bytes[8] = static_cast<char>(type);
+    bytes[9] = static_cast<char>(subtype);
+    bytes[10] = static_cast<char>(version);
+}
+
+PacketBuilder& PacketBuilder::u8(quint8 value)
+{
+    bytes.append(static_cast<char>(value));
+    return *this;
+}
+
+PacketBuilder& PacketBuilder::u16(quint16 value)
+{
+    char le[2];
+    qToLittleEndian(value, le);
+    bytes.append(le, 2);
+    return *this;
+}
+
+PacketBuilder& PacketBuilder::u32(quint32 value)
+{
+    char le[4];
+    qToLittleEndian(value, le);
+    bytes.append(le, 4);
+    return *this;
+}
+
+PacketBuilder& PacketBuilder::u64(quint64 value)
+{
+    char le[8];
+    qToLittleEndian(value, le);
+    bytes.append(le, 8);
+    return *this;
+}
+
+PacketBuilder& PacketBuilder::f32(float value)
+{
+    quint32 bits;
+    std::memcpy(&bits, &value, 4);
+    return u32(bits);
+}
+
+PacketBuilder& PacketBuilder::f32BigEndian(float value)
+{
+    quint32 bits;
+    std::memcpy(&bits, &value, 4);
+    char be[4];
+    qToBigEndian(bits, be);
+    bytes.append(be, 4);
+    return *this;
+}
+
+PacketBuilder& PacketBuilder::fixedString(const QByteArray& utf8, int width)
+{
+    QByteArray field = utf8.left(width);
+    field.append(QByteArray(width - field.size(), '\0'));
+    bytes.append(field);
+    return *this;
+}
+
+PacketBuilder& PacketBuilder::raw(const QByteArray& data)
+{
+    bytes.append(data);
+    return *this;
+}
+
+PacketBuilder& PacketBuilder::zeros(int count)
+{
+    bytes.append(QByteArray(count, '\0'));
+    return *this;
+}
+
+QByteArray PacketBuilder::finish() const
+{
+    return finishWithSize(static_cast<quint32>(bytes.size()));
+}
+
+QByteArray PacketBuilder::finishWithSize(quint32 size) const
+{
+    QByteArray packet = bytes;
+    qToLittleEndian(size, packet.data());
+    return packet;
+}
+
+QByteArray readTestData(const QString& fileName)
+{
+    QFile file(QStringLiteral(TARN_TEST_DATA_DIR "/") + fileName);
+    if (!file.open(QIODevice::ReadOnly))
+        qFatal("missing test data file %s", qPrintable(fileName));
+    return file.readAll();
+}
