@@ -50,6 +50,7 @@ ProfilerForm::ProfilerForm(QWidget* parent, Qt::WindowFlags flags)
     connectionLayout = new QHBoxLayout();
     splitter = new QSplitter();
     mainLayout = new QVBoxLayout();
+    nameWidgets();
 
     connect(network, &ProfilerNetwork::statusChanged, this, &ProfilerForm::slotStatusChanged);
     connect(connectButton, &QPushButton::clicked, this, &ProfilerForm::slotConnect);
@@ -100,6 +101,16 @@ ProfilerForm::ProfilerForm(QWidget* parent, Qt::WindowFlags flags)
     setLayout(mainLayout);
 
     setWindowTitle(QStringLiteral("Profiler"));
+}
+
+// Names let tests and style sheets find the bar's widgets.
+void ProfilerForm::nameWidgets()
+{
+    statusLabel->setObjectName(QStringLiteral("statusLabel"));
+    ipEdit->setObjectName(QStringLiteral("ipEdit"));
+    portEdit->setObjectName(QStringLiteral("portEdit"));
+    connectButton->setObjectName(QStringLiteral("connectButton"));
+    pauseButton->setObjectName(QStringLiteral("pauseButton"));
 }
 
 ProfilerForm::~ProfilerForm()

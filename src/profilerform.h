@@ -39,6 +39,7 @@ protected:
     void closeEvent(QCloseEvent* event) override;
 
 private:
+    void nameWidgets();
     void applyDisconnectedLook();
     void applyConnectingLook();
     void applyConnectedLook();
