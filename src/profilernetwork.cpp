@@ -28,10 +28,14 @@ ProfilerNetwork::ProfilerNetwork()
     , hostName(QStringLiteral("127.0.0.1"))
     , port(DefaultProfilerPort)
     , waitingBytes(0)
+    , readPassQueued(false)
 {
     reconnectTimer->setInterval(ReconnectIntervalMs);
     idleTimer->setInterval(IdleTimeoutMs);
     idleTimer->setSingleShot(true);
+    // Coarse timers may fire up to 5% early; a target is silent only after
+    // the full three seconds.
+    idleTimer->setTimerType(Qt::PreciseTimer);
 
     // Without a limit the socket buffers whatever a flooding target sends.
     // The limit must still hold the largest packet we accept, or that packet
@@ -131,6 +135,8 @@ QByteArray ProfilerNetwork::getPacket(unsigned char type, unsigned char subtype)
 
 void ProfilerNetwork::slotSocketConnected()
 {
+    // A new connection is a new byte stream.
+    received.clear();
     setState(StateConnected);
 }
 
@@ -152,30 +158,24 @@ void ProfilerNetwork::slotSocketErrorOccurred(QAbstractSocket::SocketError socke
 void ProfilerNetwork::slotPacketArrived()
 {
     idleTimer->start();
-
-    while (socket->bytesAvailable() >= TARN::ProfilePacketHeaderSize) {
-        char header[TARN::ProfilePacketHeaderSize];
-        if (socket->peek(header, sizeof header) != qint64(sizeof header)) {
-            failWithSocketError();
-            return;
-        }
-        const quint32 size = qFromLittleEndian<quint32>(header);
-        // A size below the header's own would never consume anything and
-        // spin here; one above the bound would buffer without limit.
-        if (size < quint32(TARN::ProfilePacketHeaderSize) || size > MaxPacketSize) {
-            failWithSocketError();
-            return;
-        }
-        if (socket->bytesAvailable() < qint64(size))
-            break;
-        const QByteArray packet = socket->read(size);
-        if (packet.size() != int(size)) {
-            failWithSocketError();
-            return;
-        }
-        appendPacket(packet);
+    receiveBytes(socket->read(MaxReadPerPass));
+    // A target sending at full speed must not keep the user interface from
+    // turning: take the rest on the next pass of the event loop. The socket
+    // will not signal again for bytes it already holds.
+    if (socket->bytesAvailable() > 0 && !readPassQueued) {
+        readPassQueued = true;
+        QTimer::singleShot(0, this, [this] {
+            readPassQueued = false;
+            if (socket->bytesAvailable() > 0)
+                slotPacketArrived();
+        });
     }
+}
 
+void ProfilerNetwork::receiveBytes(const QByteArray& bytes)
+{
+    if (!frameReceivedBytes(bytes))
+        return;
     if (packetList->isEmpty())
         return;
     if (paused) {
@@ -184,6 +184,30 @@ void ProfilerNetwork::slotPacketArrived()
     } else {
         emit packetReady();
     }
+}
+
+// Cuts every whole packet off the front of what has been received; a
+// partial packet stays until the rest arrives. Returns false when the
+// stream is broken and the link was dropped.
+bool ProfilerNetwork::frameReceivedBytes(const QByteArray& bytes)
+{
+    received.append(bytes);
+    int offset = 0;
+    while (received.size() - offset >= TARN::ProfilePacketHeaderSize) {
+        const quint32 size = qFromLittleEndian<quint32>(received.constData() + offset);
+        // A size below the header's own would never consume anything and
+        // spin here; one above the bound would buffer without limit.
+        if (size < quint32(TARN::ProfilePacketHeaderSize) || size > MaxPacketSize) {
+            failWithSocketError();
+            return false;
+        }
+        if (received.size() - offset < int(size))
+            break;
+        appendPacket(received.mid(offset, int(size)));
+        offset += int(size);
+    }
+    received.remove(0, offset);
+    return true;
 }
 
 void ProfilerNetwork::slotReconnectTimeout()
@@ -256,6 +280,7 @@ void ProfilerNetwork::startConnection(const QString& host, unsigned short reques
 void ProfilerNetwork::failWithSocketError()
 {
     socket->abort();
+    received.clear();
     setState(StateSocketError);
 }
 

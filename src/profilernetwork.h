@@ -42,6 +42,8 @@ public:
     // these bounds the oldest waiting packets are dropped.
     static constexpr int MaxWaitingPackets = 1024;
     static constexpr qint64 MaxWaitingBytes = 2 * qint64(MaxPacketSize);
+    // How much one pass of the receive loop takes from the socket.
+    static constexpr qint64 MaxReadPerPass = 1024 * 1024;
 
     ProfilerNetwork();
     ~ProfilerNetwork() override;
@@ -53,6 +55,9 @@ public:
     void setAutoReconnect(bool on);
     void requestDataType(unsigned char type, unsigned char subtype, unsigned int updateInterval);
     void sendCommand(TARN::ProfilePacketHeader* packet);
+    // Frames bytes as they come from the target and announces the packets.
+    // The socket feeds it; replay tools, fuzzers and benchmarks can too.
+    void receiveBytes(const QByteArray& bytes);
     int getNumWaitingPackets(unsigned char type, unsigned char subtype);
     QByteArray getPacket(unsigned char type, unsigned char subtype);
 
@@ -73,6 +78,7 @@ private:
     void setState(ProfilerNetworkState state);
     void startConnection(const QString& host, unsigned short port);
     void failWithSocketError();
+    bool frameReceivedBytes(const QByteArray& bytes);
     void appendPacket(const QByteArray& packet);
 
     QTcpSocket* socket;
@@ -84,6 +90,9 @@ private:
     QString hostName;
     quint16 port;
     qint64 waitingBytes;
+    // Bytes received but not yet cut into packets: at most one partial packet.
+    QByteArray received;
+    bool readPassQueued;
 };
 
 #endif // PROFILERNETWORK_H

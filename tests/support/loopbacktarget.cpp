@@ -31,25 +31,37 @@ bool LoopbackTarget::waitForReceived(int count, int timeoutMs)
     return QTest::qWaitFor([this, count] { return receivedBytes.size() >= count; }, timeoutMs);
 }
 
+LoopbackTarget::~LoopbackTarget()
+{
+    // The sockets die with the server; their signals must not reach a
+    // half-destroyed target.
+    if (client)
+        client->disconnect(this);
+}
+
 void LoopbackTarget::closeClient()
 {
-    if (!client)
+    QTcpSocket* socket = client;
+    if (!socket)
         return;
-    client->disconnectFromHost();
-    client->deleteLater();
     client.clear();
+    socket->disconnect(this);
+    socket->disconnectFromHost();
+    socket->deleteLater();
 }
 
 void LoopbackTarget::resetClient()
 {
-    if (!client)
+    QTcpSocket* socket = client;
+    if (!socket)
         return;
+    client.clear();
+    socket->disconnect(this);
     // Zero linger turns the close into a reset (RST) instead of a FIN.
     struct linger hard = { 1, 0 };
-    ::setsockopt(static_cast<int>(client->socketDescriptor()), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
-    client->abort();
-    client->deleteLater();
-    client.clear();
+    ::setsockopt(static_cast<int>(socket->socketDescriptor()), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    socket->abort();
+    socket->deleteLater();
 }
 
 void LoopbackTarget::onNewConnection()
@@ -62,5 +74,12 @@ void LoopbackTarget::onNewConnection()
         }
         client = socket;
         connect(socket, &QTcpSocket::readyRead, this, [this, socket] { receivedBytes.append(socket->readAll()); });
+        // A profiler that dropped the link may come back; make room for it.
+        connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
+            if (client == socket) {
+                client.clear();
+                socket->deleteLater();
+            }
+        });
     }
 }

@@ -16,6 +16,7 @@ class LoopbackTarget : public QObject
 
 public:
     explicit LoopbackTarget(QObject* parent = nullptr);
+    ~LoopbackTarget() override;
 
     quint16 port() const { return server.serverPort(); }
     bool waitForClient(int timeoutMs = 5000);
