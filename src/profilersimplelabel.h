@@ -1,0 +1,37 @@
+#ifndef PROFILERSIMPLELABEL_H
+#define PROFILERSIMPLELABEL_H
+
+#include <QColor>
+#include <QFrame>
+#include <QString>
+
+class QPaintEvent;
+
+// A light label: one line of text in a chosen colour, sized exactly to the
+// text. The legend rows update many of these per snapshot, so it avoids the
+// layout work of QLabel.
+class ProfilerSimpleLabel : public QFrame
+{
+public:
+    explicit ProfilerSimpleLabel(QWidget* parent = nullptr, Qt::WindowFlags flags = Qt::WindowFlags());
+
+    QString getText() const;
+    void setText(const QString& newText);
+    QColor getColor() const;
+    void setColor(const QColor& newColor);
+    Qt::Alignment getAlignment() const;
+    void setAlignment(Qt::Alignment newAlignment);
+    Qt::TextElideMode getElideMode() const;
+    void setElideMode(Qt::TextElideMode newElideMode);
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+
+private:
+    QString text;
+    QColor color;
+    Qt::Alignment alignment;
+    Qt::TextElideMode elideMode;
+};
+
+#endif // PROFILERSIMPLELABEL_H

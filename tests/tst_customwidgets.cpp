@@ -1,0 +1,263 @@
+#include "profilerpixmapbutton.h"
+#include "profilersimplelabel.h"
+
+#include <QColor>
+#include <QEvent>
+#include <QFont>
+#include <QFontMetrics>
+#include <QImage>
+#include <QPixmapCache>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QtTest>
+
+namespace {
+
+// Counts the paint events a widget receives.
+class PaintCounter : public QObject
+{
+public:
+    int count = 0;
+
+protected:
+    bool eventFilter(QObject*, QEvent* event) override
+    {
+        if (event->type() == QEvent::Paint)
+            ++count;
+        return false;
+    }
+};
+
+bool containsColour(const QImage& image, QColor colour)
+{
+    for (int y = 0; y < image.height(); ++y) {
+        for (int x = 0; x < image.width(); ++x) {
+            const QColor pixel = image.pixelColor(x, y);
+            if (qAbs(pixel.red() - colour.red()) < 40 && qAbs(pixel.green() - colour.green()) < 40
+                && qAbs(pixel.blue() - colour.blue()) < 40)
+                return true;
+        }
+    }
+    return false;
+}
+
+QColor centreColour(QWidget& widget)
+{
+    const QImage image = widget.grab().toImage();
+    return image.pixelColor(image.width() / 2, image.height() / 2);
+}
+
+} // namespace
+
+class TestCustomWidgets : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void labelSizesItselfToText_data();
+    void labelSizesItselfToText();
+    void labelIgnoresSameText();
+    void labelDrawsInItsColour();
+    void buttonPicksImageForState_data();
+    void buttonPicksImageForState();
+    void buttonHitRect_data();
+    void buttonHitRect();
+    void buttonLoadsPathOnce();
+
+private:
+    QString writeImage(const QString& name, QColor colour);
+
+    QTemporaryDir imageDir;
+    QList<QColor> stateColours;
+};
+
+void TestCustomWidgets::initTestCase()
+{
+    QVERIFY(imageDir.isValid());
+    stateColours = {Qt::red, Qt::green, Qt::blue, Qt::yellow, Qt::magenta};
+}
+
+QString TestCustomWidgets::writeImage(const QString& name, QColor colour)
+{
+    QImage image(8, 8, QImage::Format_ARGB32);
+    image.fill(colour);
+    const QString path = imageDir.filePath(name);
+    image.save(path, "PNG");
+    return path;
+}
+
+void TestCustomWidgets::labelSizesItselfToText_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::newRow("empty") << QString();
+    QTest::newRow("legend figures") << QString("12.50 [3.10 - 40.00] / 100.00%");
+    QTest::newRow("longer") << QString("1234 [0 - 4096] / 4096 channel(s) and more");
+}
+
+void TestCustomWidgets::labelSizesItselfToText()
+{
+    QFETCH(QString, text);
+    ProfilerSimpleLabel label;
+    label.setText("x");
+    label.setText(text);
+
+    const QSize expected = QFontMetrics(label.font()).size(0, text);
+    QCOMPARE(label.getText(), text);
+    QCOMPARE(label.minimumSize(), expected);
+    QCOMPARE(label.maximumSize(), expected);
+}
+
+void TestCustomWidgets::labelIgnoresSameText()
+{
+    ProfilerSimpleLabel label;
+    label.setText("Some text");
+    label.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&label));
+    const QSize sizeBefore = label.maximumSize();
+
+    // With a bigger font, a real setText would change the size.
+    QFont bigFont = label.font();
+    bigFont.setPointSize(bigFont.pointSize() * 3);
+    label.setFont(bigFont);
+    QCoreApplication::processEvents();
+
+    PaintCounter counter;
+    label.installEventFilter(&counter);
+    label.setText("Some text");
+    QCoreApplication::processEvents();
+    QCOMPARE(counter.count, 0);
+    QCOMPARE(label.maximumSize(), sizeBefore);
+
+    label.setText("Other text");
+    QCoreApplication::processEvents();
+    QVERIFY(counter.count >= 1);
+    QCOMPARE(label.maximumSize(), QFontMetrics(bigFont).size(0, "Other text"));
+}
+
+void TestCustomWidgets::labelDrawsInItsColour()
+{
+    ProfilerSimpleLabel label;
+    label.setText("MMMM");
+    label.setColor(QColor(Qt::red));
+    QCOMPARE(label.getColor(), QColor(Qt::red));
+    QVERIFY(containsColour(label.grab().toImage(), Qt::red));
+
+    label.setColor(QColor(Qt::blue));
+    const QImage blueImage = label.grab().toImage();
+    QVERIFY(containsColour(blueImage, Qt::blue));
+    QVERIFY(!containsColour(blueImage, Qt::red));
+}
+
+void TestCustomWidgets::buttonPicksImageForState_data()
+{
+    QTest::addColumn<QList<int>>("keys");
+    QTest::addColumn<bool>("down");
+    QTest::addColumn<bool>("checked");
+    QTest::addColumn<bool>("hovered");
+    QTest::addColumn<int>("shownKey");
+
+    const QList<int> all = {0, 1, 2, 3, 4};
+    QTest::newRow("idle") << all << false << false << false << 0;
+    QTest::newRow("hovered") << all << false << false << true << 4;
+    QTest::newRow("pressed") << all << true << false << false << 1;
+    QTest::newRow("checked") << all << false << true << false << 2;
+    QTest::newRow("checked and hovered") << all << false << true << true << 2;
+    QTest::newRow("checked and pressed") << all << true << true << false << 3;
+    QTest::newRow("only normal, every state") << QList<int>{0} << true << true << true << 0;
+    QTest::newRow("checked, keys 0 1 4") << QList<int>{0, 1, 4} << false << true << false << 1;
+    QTest::newRow("checked hovered, keys 0 1 4") << QList<int>{0, 1, 4} << false << true << true << 1;
+    QTest::newRow("checked hovered, keys 0 4") << QList<int>{0, 4} << false << true << true << 4;
+    QTest::newRow("checked pressed, keys 0 2") << QList<int>{0, 2} << true << true << false << 0;
+    QTest::newRow("pressed, keys 0 3") << QList<int>{0, 3} << true << false << false << 0;
+}
+
+void TestCustomWidgets::buttonPicksImageForState()
+{
+    QFETCH(QList<int>, keys);
+    QFETCH(bool, down);
+    QFETCH(bool, checked);
+    QFETCH(bool, hovered);
+    QFETCH(int, shownKey);
+
+    QMap<int, QString> resourceMap;
+    for (int key : keys)
+        resourceMap.insert(key, writeImage(QString("state%1.png").arg(key), stateColours.at(key)));
+
+    ProfilerPixmapButton button;
+    button.resize(20, 20);
+    button.setCheckable(true);
+    button.setChecked(checked);
+    button.setDown(down);
+    button.setResourceMap(resourceMap);
+    if (hovered) {
+        QEvent enter(QEvent::Enter);
+        QCoreApplication::sendEvent(&button, &enter);
+    }
+
+    QCOMPARE(centreColour(button), stateColours.at(shownKey));
+
+    // Leaving takes the hover image away again.
+    if (hovered && !down && !checked) {
+        QEvent leave(QEvent::Leave);
+        QCoreApplication::sendEvent(&button, &leave);
+        QCOMPARE(centreColour(button), stateColours.at(0));
+    }
+}
+
+void TestCustomWidgets::buttonHitRect_data()
+{
+    QTest::addColumn<QRect>("hitRect");
+    QTest::addColumn<QPoint>("clickAt");
+    QTest::addColumn<bool>("clicked");
+
+    QTest::newRow("whole widget, right half") << QRect() << QPoint(30, 10) << true;
+    QTest::newRow("whole widget, corner") << QRect() << QPoint(39, 19) << true;
+    QTest::newRow("left half, inside") << QRect(0, 0, 20, 20) << QPoint(10, 10) << true;
+    QTest::newRow("left half, right edge") << QRect(0, 0, 20, 20) << QPoint(19, 10) << true;
+    QTest::newRow("left half, just outside") << QRect(0, 0, 20, 20) << QPoint(20, 10) << false;
+    QTest::newRow("left half, right half") << QRect(0, 0, 20, 20) << QPoint(30, 10) << false;
+    QTest::newRow("inverted rectangle counts as none") << QRect(QPoint(20, 0), QPoint(0, 19)) << QPoint(30, 10)
+                                                       << true;
+}
+
+void TestCustomWidgets::buttonHitRect()
+{
+    QFETCH(QRect, hitRect);
+    QFETCH(QPoint, clickAt);
+    QFETCH(bool, clicked);
+
+    ProfilerPixmapButton button;
+    button.resize(40, 20);
+    button.setHitRect(hitRect);
+    QCOMPARE(button.getHitRect(), hitRect);
+    button.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&button));
+
+    QSignalSpy clickedSpy(&button, &QAbstractButton::clicked);
+    QTest::mouseClick(&button, Qt::LeftButton, Qt::NoModifier, clickAt);
+    QCOMPARE(clickedSpy.count(), clicked ? 1 : 0);
+}
+
+void TestCustomWidgets::buttonLoadsPathOnce()
+{
+    QPixmapCache::clear();
+    const QString path = writeImage("shared.png", Qt::red);
+    ProfilerPixmapButton first;
+    first.resize(20, 20);
+    first.setResourceMap({{ProfilerPixmapButton::PixmapStateNormal, path}});
+    QCOMPARE(centreColour(first), QColor(Qt::red));
+
+    // A second load would now see blue; the cache must answer instead.
+    writeImage("shared.png", Qt::blue);
+    ProfilerPixmapButton second;
+    second.resize(20, 20);
+    second.setResourceMap({{ProfilerPixmapButton::PixmapStateNormal, path}});
+    QCOMPARE(centreColour(second), QColor(Qt::red));
+
+    QPixmapCache::clear();
+    QCOMPARE(centreColour(second), QColor(Qt::blue));
+}
+
+QTEST_MAIN(TestCustomWidgets)
+#include "tst_customwidgets.moc"
