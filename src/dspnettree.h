@@ -1,12 +1,14 @@
 #ifndef DSPNETTREE_H
 #define DSPNETTREE_H
 
+#include <QByteArray>
 #include <QHash>
 #include <QObject>
 #include <QString>
 #include <QUuid>
 #include <QVector>
 
+class PacketReader;
 class ProfilerNetwork;
 
 // One DSP unit of the target's network.
@@ -86,6 +88,20 @@ signals:
 
 public slots:
     void slotPacketArrived();
+
+private:
+    struct PendingUnit;
+
+    QByteArray takeNewestPacket(unsigned char type);
+    void readDSPPrologue(PacketReader* in, int version);
+    void rebuildDSPGraph(const QByteArray& packet, int version, int firstRecord, int unitCount);
+    bool readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit>* pending);
+    void sendCommandString(unsigned char type, unsigned char version, const QString& text);
+    void sendCommandUnitState(unsigned char subtype, unsigned long long id, bool state);
+
+    // End of the packet that createDSPRecurse is walking; no record is read
+    // past it.
+    const char* recordsEnd = nullptr;
 };
 
 #endif // DSPNETTREE_H

@@ -1,6 +1,12 @@
 #include "profilerform.h"
 
+#include "channelhistory.h"
+#include "codechistory.h"
+#include "cpuhistory.h"
+#include "dspnettree.h"
+#include "linegraph.h"
 #include "profilernetwork.h"
+#include "statshistory.h"
 
 #include <QFontMetrics>
 #include <QHBoxLayout>
@@ -35,7 +41,14 @@ const StreamRequest StreamRequests[] = {
 ProfilerForm::ProfilerForm(QWidget* parent, Qt::WindowFlags flags)
     : QWidget(parent, flags)
 {
+    // The collectors connect to packetReady() in their constructors, so this
+    // order is also the order in which they take their packets.
     network = new ProfilerNetwork();
+    dspTree = new DSPTree(network);
+    cpuHistory = new CPUHistory(network);
+    channelHistory = new ChannelHistory(network);
+    codecHistory = new CodecHistory(network);
+    statsHistory = new StatsHistory(network);
     uiConnecting = false;
     uiConnected = false;
 
@@ -49,10 +62,16 @@ ProfilerForm::ProfilerForm(QWidget* parent, Qt::WindowFlags flags)
     pauseButton = new QPushButton();
     connectionLayout = new QHBoxLayout();
     splitter = new QSplitter();
+    lineGraphPanel = new ProfilerLineGraph(cpuHistory, channelHistory, codecHistory, statsHistory);
     mainLayout = new QVBoxLayout();
     nameWidgets();
 
     connect(network, &ProfilerNetwork::statusChanged, this, &ProfilerForm::slotStatusChanged);
+    connect(dspTree, &DSPTree::statusChanged, this, &ProfilerForm::slotStatusChanged);
+    connect(cpuHistory, &CPUHistory::statusChanged, this, &ProfilerForm::slotStatusChanged);
+    connect(channelHistory, &ChannelHistory::statusChanged, this, &ProfilerForm::slotStatusChanged);
+    connect(codecHistory, &CodecHistory::statusChanged, this, &ProfilerForm::slotStatusChanged);
+    connect(statsHistory, &StatsHistory::statusChanged, this, &ProfilerForm::slotStatusChanged);
     connect(connectButton, &QPushButton::clicked, this, &ProfilerForm::slotConnect);
     connect(pauseButton, &QPushButton::clicked, this, &ProfilerForm::slotPause);
 
@@ -90,10 +109,13 @@ ProfilerForm::ProfilerForm(QWidget* parent, Qt::WindowFlags flags)
     connectionLayout->addWidget(pauseButton);
     connectionLayout->setSpacing(6);
 
+    lineGraphPanel->layout()->setContentsMargins(0, 6, 0, 0);
+
     splitter->setOrientation(Qt::Vertical);
     splitter->setChildrenCollapsible(false);
     splitter->setOpaqueResize(false);
     splitter->setContentsMargins(0, 0, 0, 0);
+    splitter->addWidget(lineGraphPanel);
 
     mainLayout->addLayout(connectionLayout);
     mainLayout->addWidget(splitter);
@@ -113,8 +135,20 @@ void ProfilerForm::nameWidgets()
     pauseButton->setObjectName(QStringLiteral("pauseButton"));
 }
 
+// The statistics collector is deleted too (first): leaving it would only
+// leak it at exit and hide real leaks from the leak checker.
 ProfilerForm::~ProfilerForm()
 {
+    delete statsHistory;
+    statsHistory = nullptr;
+    delete codecHistory;
+    codecHistory = nullptr;
+    delete channelHistory;
+    channelHistory = nullptr;
+    delete cpuHistory;
+    cpuHistory = nullptr;
+    delete dspTree;
+    dspTree = nullptr;
     delete network;
     network = nullptr;
 }

@@ -11,7 +11,13 @@ class QLineEdit;
 class QPushButton;
 class QSplitter;
 class QVBoxLayout;
+class ChannelHistory;
+class CodecHistory;
+class CPUHistory;
+class DSPTree;
+class ProfilerLineGraph;
 class ProfilerNetwork;
+class StatsHistory;
 
 // The main form: connection bar, status line and the two view panels. It
 // owns the network link and the collectors that feed the panels.
@@ -47,6 +53,11 @@ private:
     void showConnectionError();
 
     ProfilerNetwork* network;
+    DSPTree* dspTree;
+    CPUHistory* cpuHistory;
+    ChannelHistory* channelHistory;
+    CodecHistory* codecHistory;
+    StatsHistory* statsHistory;
     bool uiConnecting;
     bool uiConnected;
     QLabel* statusCaptionLabel;
@@ -59,6 +70,7 @@ private:
     QPushButton* pauseButton;
     QHBoxLayout* connectionLayout;
     QSplitter* splitter;
+    ProfilerLineGraph* lineGraphPanel;
     QVBoxLayout* mainLayout;
 };
 

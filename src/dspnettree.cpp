@@ -1,0 +1,731 @@
+#include "dspnettree.h"
+
+#include "packetreader.h"
+#include "profilepacket.h"
+#include "profilernetwork.h"
+
+#include <QSet>
+
+#include <climits>
+#include <cmath>
+#include <cstddef>
+
+namespace
+{
+
+const QString OldVersionText = QStringLiteral("Connected. (Old version detected, reduced functionality)");
+const QString IncompatibleVersionText =
+    QStringLiteral("Connected. (Incompatible version detected, reduced functionality)");
+const QString MalformedDSPText = QStringLiteral("Connected. (Malformed DSP data dropped)");
+
+const int NewestDSPVersion = 6;
+const int NewestGroupVersion = 0;
+// Older targets do not understand commands.
+const int FirstCommandDSPVersion = 5;
+const unsigned char DSPCommandVersion = 6;
+const unsigned char GroupCommandVersion = 0;
+
+const int NameWidth = 32;
+const int LevelSlots = 32;
+const char SilentLevel = -80;
+const char LoudestLevel = 10;
+
+const int GroupRecordSize = 296;
+const int GroupNameWidth = 260;
+
+// Where a record's tree structure lies; the rest of a record is read by the
+// decoders below.
+struct RecordLayout
+{
+    int size;
+    int childCountOffset;
+    bool signedId32;
+    bool childCount16;
+};
+
+RecordLayout recordLayout(int version)
+{
+    switch (version) {
+    case 0:
+        return { 45, 36, true, false };
+    case 1:
+        return { 49, 36, true, false };
+    case 2:
+        return { 61, 40, false, false };
+    case 3:
+        return { 179, 40, false, false };
+    case 4:
+        return { 187, 48, false, false };
+    case 5:
+        return { 195, 48, false, false };
+    default:
+        return { 94, 24, false, true };
+    }
+}
+
+unsigned long long readUnitId(PacketReader& in, bool signedId32)
+{
+    if (signedId32)
+        return static_cast<unsigned long long>(static_cast<qint64>(in.i32()));
+    return in.u64();
+}
+
+int readChildCount(PacketReader& in, bool childCount16)
+{
+    if (childCount16)
+        return in.u16();
+    // A count that is negative as a signed int reads no children.
+    return qMax(in.i32(), 0);
+}
+
+// Walks the record structure without building anything, so that a packet
+// that ends before its records do is refused while the old graph is still
+// there. Returns the number of distinct units, or -1.
+int countUnits(const QByteArray& packet, int firstRecord, int version)
+{
+    const RecordLayout layout = recordLayout(version);
+    PacketReader in(packet, firstRecord);
+    QSet<unsigned long long> seen;
+    QVector<int> childrenLeft { 1 };
+    while (!childrenLeft.isEmpty()) {
+        if (childrenLeft.last() == 0) {
+            childrenLeft.removeLast();
+            continue;
+        }
+        --childrenLeft.last();
+        const char* record = in.bytes(layout.size);
+        if (!record)
+            return -1;
+        PacketReader fields(record, layout.size);
+        const unsigned long long id = readUnitId(fields, layout.signedId32);
+        fields.skip(layout.childCountOffset - fields.position());
+        const int children = readChildCount(fields, layout.childCount16);
+        // A repeated unit's children are not sent again.
+        if (seen.contains(id))
+            continue;
+        seen.insert(id);
+        if (children > 0)
+            childrenLeft.append(children);
+    }
+    return seen.size();
+}
+
+// Whole dB in -80..10 from a linear level. +infinity would overflow the
+// integer conversion; like NaN and non-positive levels it counts as silence.
+char levelFromFloat(float level)
+{
+    if (!(level > 0.0f))
+        return SilentLevel;
+    const float db = 20.0f * std::log10(level);
+    if (!std::isfinite(db))
+        return SilentLevel;
+    const int whole = static_cast<int>(db);
+    if (whole > 9)
+        return LoudestLevel;
+    if (whole < -79)
+        return SilentLevel;
+    return static_cast<char>(whole);
+}
+
+void readFloatLevels(PacketReader& in, int count, DSPNode* node)
+{
+    const int used = qMin(count, LevelSlots);
+    node->levels.reserve(used);
+    for (int slot = 0; slot < LevelSlots; ++slot) {
+        const float level = in.f32BigEndian();
+        if (slot < used)
+            node->levels.append(levelFromFloat(level));
+    }
+}
+
+void readByteLevels(PacketReader& in, int count, DSPNode* node)
+{
+    const int used = qMin(count, LevelSlots);
+    node->levels.reserve(used);
+    for (int slot = 0; slot < LevelSlots; ++slot) {
+        const char level = static_cast<char>(in.i8());
+        if (slot < used)
+            node->levels.append(level);
+    }
+}
+
+// What a record says about its place in the tree rather than about the unit.
+struct RecordPlace
+{
+    int childCount = 0;
+    bool send = false;
+    bool sidechain = false;
+};
+
+void decodeRecordV0V1(PacketReader& in, int version, DSPNode* node, RecordPlace* place)
+{
+    node->id = readUnitId(in, true);
+    node->name = in.fixedString(NameWidth);
+    place->childCount = readChildCount(in, false);
+    node->active = in.u8() != 0;
+    in.skip(4);
+    if (version == 1)
+        node->exclusiveUsage = in.u32();
+}
+
+void decodeRecordV2V3(PacketReader& in, int version, DSPNode* node, RecordPlace* place)
+{
+    node->id = in.u64();
+    node->name = in.fixedString(NameWidth);
+    place->childCount = readChildCount(in, false);
+    node->active = in.u8() != 0;
+    node->bypass = in.u8() != 0;
+    in.skip(2);
+    node->exclusiveUsage = in.u16();
+    const int levelCount = in.u8();
+    if (version == 3) {
+        readFloatLevels(in, levelCount, node);
+        return;
+    }
+    // These targets only say how many channels there are.
+    in.skip(10);
+    node->levels.fill(SilentLevel, qMin(levelCount, LevelSlots));
+}
+
+void decodeRecordV4V5(PacketReader& in, int version, DSPNode* node, RecordPlace* place)
+{
+    node->id = in.u64();
+    node->groupId = in.u64();
+    node->name = in.fixedString(NameWidth);
+    place->childCount = readChildCount(in, false);
+    node->active = in.u8() != 0;
+    node->bypass = in.u8() != 0;
+    in.skip(2);
+    node->exclusiveUsage = in.u16();
+    const int levelCount = in.u8();
+    readFloatLevels(in, levelCount, node);
+    if (version == 5)
+        node->sendTargetId = in.u64();
+}
+
+void decodeRecordV6(PacketReader& in, DSPNode* node, RecordPlace* place)
+{
+    node->id = in.u64();
+    node->groupId = in.u64();
+    node->sendTargetId = in.u64();
+    place->childCount = readChildCount(in, true);
+    node->exclusiveUsage = in.u16();
+    const quint8 flags = in.u8();
+    node->active = (flags & 0x01) != 0;
+    node->bypass = (flags & 0x02) != 0;
+    place->send = (flags & 0x04) != 0;
+    place->sidechain = (flags & 0x08) != 0;
+    const int levelCount = in.u8();
+    readByteLevels(in, levelCount, node);
+    node->name = in.fixedString(NameWidth);
+}
+
+// Decodes one record and moves the cursor past it; false when the record
+// does not fit before `end`.
+bool decodeRecord(const char** cursor, const char* end, int version, DSPNode* node, RecordPlace* place)
+{
+    if (!end || *cursor > end || end - *cursor > INT_MAX)
+        return false;
+    PacketReader in(*cursor, static_cast<int>(end - *cursor));
+    if (version <= 1)
+        decodeRecordV0V1(in, version, node, place);
+    else if (version <= 3)
+        decodeRecordV2V3(in, version, node, place);
+    else if (version <= 5)
+        decodeRecordV4V5(in, version, node, place);
+    else
+        decodeRecordV6(in, node, place);
+    if (!in.ok())
+        return false;
+    node->inclusiveUsage = node->exclusiveUsage;
+    *cursor += in.position();
+    return true;
+}
+
+// The units reachable from a start unit, numbered in depth-first discovery
+// order (the start is 0), with each input edge resolved to a unit number.
+// Back edges are the edges into a unit still on the search path: removing
+// them leaves an acyclic graph, of which the reversed post-order is a
+// topological order.
+struct DepthGraph
+{
+    QVector<DSPNode*> units;
+    QVector<int> firstEdge;
+    QVector<int> edgeTarget;
+    QVector<bool> backEdge;
+    QVector<int> postOrder;
+    bool hasCycle = false;
+};
+
+DepthGraph exploreDepthGraph(DSPNode* start, int sizeHint)
+{
+    struct Frame
+    {
+        int unit;
+        int next;
+    };
+    DepthGraph graph;
+    QHash<DSPNode*, int> numbers;
+    numbers.reserve(sizeHint);
+    QVector<bool> onStack;
+    QVector<Frame> stack;
+    const auto discover = [&](DSPNode* node) {
+        const int unit = graph.units.size();
+        numbers.insert(node, unit);
+        graph.units.append(node);
+        graph.firstEdge.append(graph.edgeTarget.size());
+        graph.edgeTarget.resize(graph.edgeTarget.size() + node->inputs.size());
+        graph.backEdge.resize(graph.edgeTarget.size());
+        onStack.append(true);
+        stack.append({ unit, 0 });
+        return unit;
+    };
+
+    discover(start);
+    while (!stack.isEmpty()) {
+        const int unit = stack.last().unit;
+        const int input = stack.last().next;
+        const DSPNode* node = graph.units.at(unit);
+        if (input == node->inputs.size()) {
+            onStack[unit] = false;
+            graph.postOrder.append(unit);
+            stack.removeLast();
+            continue;
+        }
+        ++stack.last().next;
+        const int edge = graph.firstEdge.at(unit) + input;
+        DSPNode* child = node->inputs.at(input).node;
+        const auto found = numbers.constFind(child);
+        if (found == numbers.constEnd()) {
+            const int target = discover(child);
+            graph.edgeTarget[edge] = target;
+            continue;
+        }
+        graph.edgeTarget[edge] = found.value();
+        if (onStack.at(found.value())) {
+            graph.backEdge[edge] = true;
+            graph.hasCycle = true;
+        }
+    }
+    return graph;
+}
+
+// Longest paths from the start in topological order, back edges left out.
+// On an acyclic graph this is exactly what the recursive walk produces,
+// including its rule that a unit is only renumbered when the new path is
+// not shorter, and it leaves onPath as the walk would.
+void relaxDepths(QHash<DSPNode*, bool>* onPath, const DepthGraph& graph)
+{
+    const int count = graph.units.size();
+    QVector<bool> reached(count, false);
+    QVector<bool> blocked(count, false);
+    for (int unit = 1; unit < count; ++unit)
+        blocked[unit] = onPath->value(graph.units.at(unit));
+    reached[0] = true;
+
+    for (int order = count - 1; order >= 0; --order) {
+        const int unit = graph.postOrder.at(order);
+        if (!reached.at(unit))
+            continue;
+        const DSPNode* node = graph.units.at(unit);
+        for (int input = 0; input < node->inputs.size(); ++input) {
+            const int edge = graph.firstEdge.at(unit) + input;
+            const int target = graph.edgeTarget.at(edge);
+            DSPNode* child = graph.units.at(target);
+            if (graph.backEdge.at(edge) || blocked.at(target) || node->depth < child->depth)
+                continue;
+            child->depth = node->depth + 1;
+            reached[target] = true;
+        }
+    }
+
+    for (int unit = 0; unit < count; ++unit) {
+        if (reached.at(unit))
+            onPath->insert(graph.units.at(unit), false);
+    }
+}
+
+// The depth walk itself, on the numbered graph and with an explicit stack so
+// that long chains cannot exhaust the call stack. It leaves onPath alone
+// until it has finished, and gives up after `budget` edge visits.
+bool walkDepths(QHash<DSPNode*, bool>* onPath, const DepthGraph& graph, qint64 budget)
+{
+    struct Frame
+    {
+        int unit;
+        int next;
+    };
+    const int count = graph.units.size();
+    QVector<bool> marked(count, false);
+    for (int unit = 0; unit < count; ++unit)
+        marked[unit] = onPath->value(graph.units.at(unit));
+    QVector<bool> visited(count, false);
+    QVector<Frame> stack;
+    marked[0] = true;
+    visited[0] = true;
+    stack.append({ 0, 0 });
+    qint64 steps = 0;
+    while (!stack.isEmpty()) {
+        const int unit = stack.last().unit;
+        const int input = stack.last().next;
+        const DSPNode* node = graph.units.at(unit);
+        if (input == node->inputs.size()) {
+            marked[unit] = false;
+            stack.removeLast();
+            continue;
+        }
+        ++stack.last().next;
+        if (++steps > budget)
+            return false;
+        const int target = graph.edgeTarget.at(graph.firstEdge.at(unit) + input);
+        DSPNode* child = graph.units.at(target);
+        if (node->depth < child->depth || marked.at(target))
+            continue;
+        child->depth = node->depth + 1;
+        marked[target] = true;
+        visited[target] = true;
+        stack.append({ target, 0 });
+    }
+
+    for (int unit = 0; unit < count; ++unit) {
+        if (visited.at(unit))
+            onPath->insert(graph.units.at(unit), false);
+    }
+    return true;
+}
+
+QVector<int> depthsOf(const DepthGraph& graph)
+{
+    QVector<int> depths;
+    depths.reserve(graph.units.size());
+    for (const DSPNode* node : graph.units)
+        depths.append(node->depth);
+    return depths;
+}
+
+void restoreDepths(const DepthGraph& graph, const QVector<int>& depths)
+{
+    for (int unit = 0; unit < graph.units.size(); ++unit)
+        graph.units.at(unit)->depth = depths.at(unit);
+}
+
+QUuid readGuid(PacketReader& in)
+{
+    const quint32 data1 = in.u32();
+    const quint16 data2 = in.u16();
+    const quint16 data3 = in.u16();
+    uchar data4[8];
+    for (uchar& byte : data4)
+        byte = in.u8();
+    return QUuid(data1, data2, data3, data4[0], data4[1], data4[2], data4[3], data4[4], data4[5], data4[6],
+                 data4[7]);
+}
+
+} // namespace
+
+// A unit whose children are still being read.
+struct DSPTree::PendingUnit
+{
+    DSPNode* node;
+    DSPNode* parent;
+    int childrenLeft;
+    DSPNode::InputRecord link;
+};
+
+DSPNode& DSPNode::operator=(DSPNode&& other) noexcept
+{
+    id = other.id;
+    groupId = other.groupId;
+    sendTargetId = other.sendTargetId;
+    name = std::move(other.name);
+    active = other.active;
+    bypass = other.bypass;
+    inclusiveUsage = other.inclusiveUsage;
+    inclusiveCPU = other.inclusiveCPU;
+    exclusiveUsage = other.exclusiveUsage;
+    exclusiveCPU = other.exclusiveCPU;
+    levels = std::move(other.levels);
+    inputs = std::move(other.inputs);
+    depth = other.depth;
+    return *this;
+}
+
+DSPTree::DSPTree(ProfilerNetwork* network)
+    : network(network)
+{
+    connect(network, &ProfilerNetwork::packetReady, this, &DSPTree::slotPacketArrived);
+}
+
+DSPTree::~DSPTree()
+{
+    qDeleteAll(nodesById);
+    qDeleteAll(groups);
+}
+
+void DSPTree::slotPacketArrived()
+{
+    const bool dspUpdated = readDSPData();
+    const bool groupsUpdated = readGroupData();
+    if (dspUpdated || groupsUpdated)
+        emit dspNetTreeUpdated();
+}
+
+QByteArray DSPTree::takeNewestPacket(unsigned char type)
+{
+    // Each packet is a whole snapshot, so the older ones are dropped unread.
+    QByteArray packet;
+    const int waiting = network->getNumWaitingPackets(type, TARN::PacketSubtypeData);
+    for (int i = 0; i < waiting; ++i)
+        packet = network->getPacket(type, TARN::PacketSubtypeData);
+    return packet;
+}
+
+bool DSPTree::readDSPData()
+{
+    if (network->getNumWaitingPackets(TARN::PacketTypeDSPNetwork, TARN::PacketSubtypeData) == 0)
+        return false;
+    const QByteArray packet = takeNewestPacket(TARN::PacketTypeDSPNetwork);
+
+    cpuUsage = 0.0f;
+    timingRate = 0;
+    timingLength = 0;
+
+    PacketReader in(packet, TARN::PacketVersionOffset);
+    const int version = in.u8();
+    if (in.ok() && version > NewestDSPVersion) {
+        emit statusChanged(IncompatibleVersionText);
+        return false;
+    }
+    in.skip(1);
+    readDSPPrologue(&in, version);
+
+    // A packet that ends before its records do is dropped whole, so the
+    // graph on screen is never a partial one.
+    const int unitCount = in.ok() ? countUnits(packet, in.position(), version) : -1;
+    if (unitCount < 0) {
+        cpuUsage = 0.0f;
+        timingRate = 0;
+        timingLength = 0;
+        emit statusChanged(MalformedDSPText);
+        return false;
+    }
+
+    if (version < NewestDSPVersion)
+        emit statusChanged(OldVersionText);
+    rebuildDSPGraph(packet, version, in.position(), unitCount);
+    return true;
+}
+
+void DSPTree::readDSPPrologue(PacketReader* in, int version)
+{
+    if (version == 6) {
+        timingRate = in->i32();
+        timingLength = in->i32();
+        return;
+    }
+    if (version >= 1)
+        cpuUsage = in->f32();
+    if (version >= 2)
+        in->skip(1);
+}
+
+void DSPTree::rebuildDSPGraph(const QByteArray& packet, int version, int firstRecord, int unitCount)
+{
+    qDeleteAll(nodesById);
+    nodesById.clear();
+    root = DSPNode();
+    dspVersion = version;
+
+    nodesById.reserve(unitCount);
+    const char* cursor = packet.constData() + firstRecord;
+    recordsEnd = packet.constData() + packet.size();
+    createDSPRecurse(&cursor, &root);
+    recordsEnd = nullptr;
+
+    createDSPUsage();
+    QHash<DSPNode*, bool> onPath;
+    onPath.reserve(nodesById.size() + 1);
+    createDSPDepthRecurse(&onPath, &root);
+}
+
+void DSPTree::createDSPRecurse(const char** cursor, DSPNode* parent)
+{
+    // An explicit stack instead of recursion: a target may send a chain of
+    // units deeper than the call stack.
+    QVector<PendingUnit> pending;
+    if (!readUnit(cursor, parent, &pending))
+        return;
+    while (!pending.isEmpty()) {
+        PendingUnit& top = pending.last();
+        if (top.childrenLeft > 0) {
+            --top.childrenLeft;
+            if (!readUnit(cursor, top.node, &pending))
+                return;
+            continue;
+        }
+        PendingUnit done = pending.takeLast();
+        done.parent->inclusiveUsage += done.node->inclusiveUsage;
+        done.link.node = done.node;
+        done.parent->inputs.append(done.link);
+    }
+}
+
+bool DSPTree::readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit>* pending)
+{
+    DSPNode* node = new DSPNode;
+    RecordPlace place;
+    if (!decodeRecord(cursor, recordsEnd, dspVersion, node, &place)) {
+        delete node;
+        return false;
+    }
+    DSPNode::InputRecord link;
+    link.sidechain = place.sidechain;
+    link.send = place.send;
+
+    // A unit with several consumers is held once and linked from each; its
+    // cost counts only under the first.
+    if (DSPNode* existing = nodesById.value(node->id)) {
+        delete node;
+        link.node = existing;
+        parent->inputs.append(link);
+        return true;
+    }
+    nodesById.insert(node->id, node);
+    pending->append({ node, parent, place.childCount, link });
+    return true;
+}
+
+void DSPTree::createDSPUsage()
+{
+    // A NaN compares unequal to 0 and takes this path too.
+    if (cpuUsage != 0.0f) {
+        const quint32 headUsage = root.inputs.isEmpty() ? 0 : root.inputs.first().node->inclusiveUsage;
+        const float scale = headUsage != 0 ? 1.0f / static_cast<float>(headUsage) : 0.0f;
+        for (DSPNode* node : qAsConst(nodesById)) {
+            node->inclusiveCPU = (static_cast<float>(node->inclusiveUsage) * cpuUsage) * scale;
+            node->exclusiveCPU = (static_cast<float>(node->exclusiveUsage) * cpuUsage) * scale;
+        }
+        return;
+    }
+    if (timingRate == 0 || timingLength == 0)
+        return;
+    // timingRate counts units per second and timingLength units, so this is
+    // the span of one update in microseconds. Kept in float: the integer
+    // product would overflow for long spans.
+    const float span =
+        ((static_cast<float>(timingLength) * 1000.0f) * 1000.0f) / static_cast<float>(timingRate);
+    for (DSPNode* node : qAsConst(nodesById)) {
+        node->inclusiveCPU = static_cast<float>(node->inclusiveUsage) / span;
+        node->exclusiveCPU = static_cast<float>(node->exclusiveUsage) / span;
+    }
+}
+
+void DSPTree::createDSPDepthRecurse(QHash<DSPNode*, bool>* onPath, DSPNode* node)
+{
+    const DepthGraph graph = exploreDepthGraph(node, nodesById.size() + 1);
+    if (!graph.hasCycle) {
+        relaxDepths(onPath, graph);
+        return;
+    }
+
+    // With a cycle the walk's result depends on the order it meets the
+    // units, so it is run as it is. It renumbers a unit each time a longer
+    // path reaches it, up to the unit count times, which on a large network
+    // is a hang. Past the budget the back edges are cut instead and the
+    // longest paths taken.
+    const qint64 budget = 1000000 + 16 * qint64(graph.edgeTarget.size());
+    const QVector<int> depths = depthsOf(graph);
+    if (walkDepths(onPath, graph, budget))
+        return;
+    restoreDepths(graph, depths);
+    relaxDepths(onPath, graph);
+}
+
+bool DSPTree::readGroupData()
+{
+    if (network->getNumWaitingPackets(TARN::PacketTypeGroups, TARN::PacketSubtypeData) == 0)
+        return false;
+    const QByteArray packet = takeNewestPacket(TARN::PacketTypeGroups);
+
+    PacketReader in(packet, TARN::PacketVersionOffset);
+    const int version = in.u8();
+    if (!in.ok() || version != NewestGroupVersion) {
+        emit statusChanged(IncompatibleVersionText);
+        return false;
+    }
+
+    qDeleteAll(groups);
+    groups.clear();
+    groupVersion = version;
+    // The count comes from the bytes received, never from a field, and a
+    // partial record at the end is ignored.
+    const int count = (packet.size() - TARN::ProfilePacketHeaderSize) / GroupRecordSize;
+    createGroup(packet.constData() + TARN::ProfilePacketHeaderSize, count);
+    return true;
+}
+
+void DSPTree::createGroup(const char* records, int count)
+{
+    if (groupVersion != 0 || count <= 0 || count > INT_MAX / GroupRecordSize)
+        return;
+    PacketReader in(records, count * GroupRecordSize);
+    groups.reserve(groups.size() + count);
+    for (int i = 0; i < count; ++i) {
+        GroupNode* group = new GroupNode;
+        group->id = in.u64();
+        group->parentId = in.u64();
+        group->guid = readGuid(in);
+        in.skip(4);
+        group->name = in.fixedString(GroupNameWidth);
+        groups.append(group);
+    }
+}
+
+void DSPTree::sendDSPCommandString(QString text)
+{
+    if (dspVersion < FirstCommandDSPVersion)
+        return;
+    sendCommandString(TARN::PacketTypeDSPNetwork, DSPCommandVersion, text);
+}
+
+void DSPTree::sendDSPCommandEnable(unsigned long long id, bool enable)
+{
+    sendCommandUnitState(TARN::PacketSubtypeEnable, id, enable);
+}
+
+void DSPTree::sendDSPCommandBypass(unsigned long long id, bool bypass)
+{
+    sendCommandUnitState(TARN::PacketSubtypeBypass, id, bypass);
+}
+
+void DSPTree::sendGroupCommandString(QString text)
+{
+    // Deliberately not gated by the DSP version: groups have their own.
+    sendCommandString(TARN::PacketTypeGroups, GroupCommandVersion, text);
+}
+
+void DSPTree::sendCommandString(unsigned char type, unsigned char version, const QString& text)
+{
+    TARN::ProfilePacketCommandString packet = {};
+    packet.header =
+        TARN::makeHeader(static_cast<quint32>(sizeof packet), type, TARN::PacketSubtypeCommandString, version);
+    // Copies up to the terminator, at most 127 bytes, and always leaves the
+    // last byte of the field zero; the rest of the field stays zero.
+    qstrncpy(packet.text, text.toUtf8().constData(), sizeof packet.text);
+    network->sendCommand(&packet.header);
+}
+
+void DSPTree::sendCommandUnitState(unsigned char subtype, unsigned long long id, bool state)
+{
+    if (dspVersion < FirstCommandDSPVersion)
+        return;
+    TARN::ProfilePacketCommandUnitState packet = {};
+    packet.header =
+        TARN::makeHeader(static_cast<quint32>(sizeof packet), TARN::PacketTypeDSPNetwork, subtype, DSPCommandVersion);
+    // The id lies unaligned in the packed record: assigning through its
+    // field type would be a call on a misaligned object, so store the bytes.
+    uchar* bytes = reinterpret_cast<uchar*>(&packet);
+    qToLittleEndian<quint64>(id, bytes + offsetof(TARN::ProfilePacketCommandUnitState, id));
+    packet.state = state ? 1 : 0;
+    network->sendCommand(&packet.header);
+}

@@ -1,0 +1,869 @@
+#include "dspshapes.h"
+#include "packetbuilder.h"
+#include "packetencoder.h"
+#include "packetreader.h"
+#include "simengine.h"
+#include "targetserver.h"
+
+#include <QElapsedTimer>
+#include <QHash>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSet>
+#include <QSignalSpy>
+#include <QTcpSocket>
+#include <QtTest>
+
+#include <cmath>
+#include <cstring>
+
+// The decoding here is written from the layout tables, apart from the
+// encoder, and is itself checked against the independent test vectors.
+namespace
+{
+
+struct DecodedInput
+{
+    quint64 id = 0;
+    bool send = false;
+    bool sidechain = false;
+
+    bool operator==(const DecodedInput& other) const
+    {
+        return id == other.id && send == other.send && sidechain == other.sidechain;
+    }
+};
+
+struct DecodedUnit
+{
+    quint64 id = 0;
+    quint64 groupId = 0;
+    quint64 sendTargetId = 0;
+    QString name;
+    bool active = false;
+    bool bypass = false;
+    quint32 exclusiveUsage = 0;
+    QVector<int> levels;
+    QVector<DecodedInput> inputs;
+};
+
+struct DecodedDSP
+{
+    bool ok = false;
+    int version = -1;
+    float cpuUsage = 0.0f;
+    qint32 timingRate = 0;
+    qint32 timingLength = 0;
+    QVector<quint64> order; // first occurrences
+    QHash<quint64, DecodedUnit> units;
+    int numRecords = 0;
+    bool hasCycle = false; // a repeated record named a unit still open above it
+};
+
+struct Record
+{
+    DecodedUnit unit;
+    quint32 childCount = 0;
+    DecodedInput link;
+};
+
+quint32 floatBits(float value)
+{
+    quint32 bits;
+    std::memcpy(&bits, &value, sizeof bits);
+    return bits;
+}
+
+// The profiler's conversion of a version 3 to 5 level float to whole dB.
+int levelFromFloat(float x)
+{
+    if (!(x > 0.0f))
+        return -80;
+    const float t = 20.0f * std::log10(x);
+    if (!(std::fabs(t) < 1000.0f))
+        return -80;
+    const int whole = static_cast<int>(t);
+    return whole > 9 ? 10 : (whole < -79 ? -80 : whole);
+}
+
+QVector<int> readLevels(PacketReader& in, int count, bool floats)
+{
+    QVector<int> levels;
+    for (int slot = 0; slot < 32; ++slot) {
+        const int level = floats ? levelFromFloat(in.f32BigEndian()) : in.i8();
+        if (slot < count)
+            levels.append(level);
+    }
+    return levels;
+}
+
+Record readRecord(PacketReader& in, int version)
+{
+    Record record;
+    DecodedUnit& unit = record.unit;
+    if (version <= 1) {
+        unit.id = static_cast<quint64>(static_cast<qint64>(in.i32()));
+        unit.name = in.fixedString(32);
+        record.childCount = in.u32();
+        unit.active = in.u8() != 0;
+        in.skip(4);
+        if (version == 1)
+            unit.exclusiveUsage = in.u32();
+    } else if (version <= 5) {
+        unit.id = in.u64();
+        if (version >= 4)
+            unit.groupId = in.u64();
+        unit.name = in.fixedString(32);
+        record.childCount = in.u32();
+        unit.active = in.u8() != 0;
+        unit.bypass = in.u8() != 0;
+        in.skip(2);
+        unit.exclusiveUsage = in.u16();
+        const int count = in.u8();
+        if (version == 2) {
+            in.skip(10);
+            unit.levels.fill(-80, count);
+        } else {
+            unit.levels = readLevels(in, count, true);
+        }
+        if (version == 5)
+            unit.sendTargetId = in.u64();
+    } else {
+        unit.id = in.u64();
+        unit.groupId = in.u64();
+        unit.sendTargetId = in.u64();
+        record.childCount = in.u16();
+        unit.exclusiveUsage = in.u16();
+        const quint8 flags = in.u8();
+        unit.active = flags & 1;
+        unit.bypass = flags & 2;
+        record.link.send = flags & 4;
+        record.link.sidechain = flags & 8;
+        const int count = in.u8();
+        unit.levels = readLevels(in, count, false);
+        unit.name = in.fixedString(32);
+    }
+    record.link.id = unit.id;
+    return record;
+}
+
+void readPrologue(PacketReader& in, DecodedDSP* dsp)
+{
+    if (dsp->version >= 1 && dsp->version <= 5)
+        dsp->cpuUsage = in.f32();
+    if (dsp->version >= 2 && dsp->version <= 5)
+        in.skip(1);
+    if (dsp->version == 6) {
+        dsp->timingRate = in.i32();
+        dsp->timingLength = in.i32();
+    }
+}
+
+// Walks the records depth-first, as the profiler does: a repeated id links
+// the unit again and reads no children for it.
+DecodedDSP decodeDSP(const QByteArray& packet)
+{
+    DecodedDSP dsp;
+    PacketReader in(packet);
+    const quint32 size = in.u32();
+    in.skip(6);
+    dsp.version = in.u8();
+    in.skip(1);
+    readPrologue(in, &dsp);
+
+    struct Open
+    {
+        quint64 id;
+        quint32 remaining;
+    };
+    QVector<Open> path;
+    QSet<quint64> onPath;
+    path.append({0, 1}); // stands for the profiler's root, whose one input is the head
+    dsp.units.insert(0, DecodedUnit());
+    while (!path.isEmpty() && in.ok()) {
+        if (path.last().remaining == 0) {
+            onPath.remove(path.takeLast().id);
+            continue;
+        }
+        --path.last().remaining;
+        const quint64 parent = path.last().id;
+        const Record record = readRecord(in, dsp.version);
+        if (!in.ok())
+            break;
+        ++dsp.numRecords;
+        dsp.units[parent].inputs.append(record.link);
+        if (dsp.units.contains(record.unit.id)) {
+            dsp.hasCycle = dsp.hasCycle || onPath.contains(record.unit.id);
+            continue;
+        }
+        dsp.units.insert(record.unit.id, record.unit);
+        dsp.order.append(record.unit.id);
+        path.append({record.unit.id, record.childCount});
+        onPath.insert(record.unit.id);
+    }
+    dsp.ok = in.ok() && path.isEmpty() && size == static_cast<quint32>(packet.size())
+             && in.position() == packet.size();
+    return dsp;
+}
+
+quint64 wireId(quint64 id, int version)
+{
+    return version <= 1 ? static_cast<quint64>(static_cast<qint64>(static_cast<qint32>(id))) : id;
+}
+
+// Units the head reaches: what a packet must carry.
+QVector<int> reachableUnits(const SimNetwork& network)
+{
+    QVector<bool> seen(network.units.size(), false);
+    QVector<int> order{network.head};
+    seen[network.head] = true;
+    for (int i = 0; i < order.size(); ++i) {
+        for (const SimInput& input : network.units[order[i]].inputs) {
+            if (!seen[input.unit]) {
+                seen[input.unit] = true;
+                order.append(input.unit);
+            }
+        }
+    }
+    return order;
+}
+
+QJsonObject readJson(const QString& fileName)
+{
+    return QJsonDocument::fromJson(readTestData(fileName)).object();
+}
+
+quint32 jsonBits(const QJsonValue& value)
+{
+    return value.toObject().value("bits").toString().toUInt(nullptr, 16);
+}
+
+QByteArray request(quint8 type, quint32 intervalMs)
+{
+    return PacketBuilder(0, 0, 0).u8(type).u8(0).u32(intervalMs).finish();
+}
+
+// A profiler stand-in on a real socket that frames what the target sends.
+class TestClient
+{
+public:
+    explicit TestClient(quint16 port) { socket.connectToHost(QHostAddress::LocalHost, port); }
+
+    bool waitConnected() { return socket.waitForConnected(3000); }
+
+    void send(const QByteArray& bytes)
+    {
+        socket.write(bytes);
+        socket.flush();
+    }
+
+    int count(quint8 type)
+    {
+        pump();
+        int matching = 0;
+        for (const QByteArray& packet : qAsConst(packets))
+            matching += static_cast<quint8>(packet[8]) == type ? 1 : 0;
+        return matching;
+    }
+
+    // Waits for the next packet of `type` and drops what came before it.
+    QByteArray next(quint8 type, int timeoutMs = 3000)
+    {
+        if (!QTest::qWaitFor([&]() { return count(type) > 0; }, timeoutMs))
+            return QByteArray();
+        while (!packets.isEmpty()) {
+            const QByteArray packet = packets.takeFirst();
+            if (static_cast<quint8>(packet[8]) == type)
+                return packet;
+        }
+        return QByteArray();
+    }
+
+    QTcpSocket socket;
+    QList<QByteArray> packets;
+
+private:
+    void pump()
+    {
+        incoming.append(socket.readAll());
+        while (incoming.size() >= 12) {
+            const quint32 size = qFromLittleEndian<quint32>(incoming.constData());
+            if (size < 12 || static_cast<quint32>(incoming.size()) < size)
+                break;
+            packets.append(incoming.left(static_cast<int>(size)));
+            incoming.remove(0, static_cast<int>(size));
+        }
+    }
+
+    QByteArray incoming;
+};
+
+} // namespace
+
+class TestDemoTarget : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void referenceVectorsDecode_data();
+    void referenceVectorsDecode();
+    void dspPacketMatchesEngine_data();
+    void dspPacketMatchesEngine();
+    void groupPacketMatchesEngine();
+    void figurePackets_data();
+    void figurePackets();
+    void networkFeatures_data();
+    void networkFeatures();
+    void simulationMovesDeterministically();
+    void shapes_data();
+    void shapes();
+    void serverStreams_data();
+    void serverStreams();
+    void intervalZeroStopsStream();
+    void rateMultiplierSpeedsStreams();
+    void commandsChangeNextSnapshot_data();
+    void commandsChangeNextSnapshot();
+    void commandStringsAreReported_data();
+    void commandStringsAreReported();
+    void brokenInput_data();
+    void brokenInput();
+};
+
+// Anchors the decoder above to an encoder written elsewhere, so a layout
+// mistake cannot hide by being made the same way twice.
+void TestDemoTarget::referenceVectorsDecode_data()
+{
+    QTest::addColumn<int>("version");
+    for (int version = 0; version <= 6; ++version)
+        QTest::addRow("dsp-v%d", version) << version;
+}
+
+void TestDemoTarget::referenceVectorsDecode()
+{
+    QFETCH(int, version);
+    const DecodedDSP dsp = decodeDSP(readTestData(QStringLiteral("dsp-v%1.bin").arg(version)));
+    const QJsonObject expected = readJson(QStringLiteral("dsp-v%1.json").arg(version));
+    QVERIFY(dsp.ok);
+    QCOMPARE(floatBits(dsp.cpuUsage), jsonBits(expected.value("cpuUsage")));
+    QCOMPARE(dsp.timingRate, expected.value("timingRate").toInt());
+    QCOMPARE(dsp.timingLength, expected.value("timingLength").toInt());
+    const QJsonArray units = expected.value("units_in_first_occurrence_order").toArray();
+    QCOMPARE(dsp.order.size(), units.size());
+    for (int i = 0; i < units.size(); ++i) {
+        const QJsonObject want = units[i].toObject();
+        const DecodedUnit& unit = dsp.units[dsp.order[i]];
+        QCOMPARE(unit.id, static_cast<quint64>(want.value("id").toDouble()));
+        QCOMPARE(unit.name, want.value("name").toString());
+        QCOMPARE(unit.groupId, static_cast<quint64>(want.value("groupId").toDouble()));
+        QCOMPARE(unit.sendTargetId, static_cast<quint64>(want.value("sendTargetId").toDouble()));
+        QCOMPARE(unit.active, want.value("active").toBool());
+        QCOMPARE(unit.bypass, want.value("bypass").toBool());
+        QCOMPARE(unit.exclusiveUsage, static_cast<quint32>(want.value("exclusiveUsage").toInt()));
+        QVector<int> levels;
+        for (const QJsonValue& level : want.value("levels").toArray())
+            levels.append(level.toInt());
+        QCOMPARE(unit.levels, levels);
+        QVector<DecodedInput> inputs;
+        for (const QJsonValue& value : want.value("inputs").toArray()) {
+            const QJsonObject input = value.toObject();
+            inputs.append({static_cast<quint64>(input.value("id").toDouble()), input.value("send").toBool(),
+                           input.value("sidechain").toBool()});
+        }
+        QCOMPARE(unit.inputs, inputs);
+    }
+}
+
+void TestDemoTarget::dspPacketMatchesEngine_data()
+{
+    QTest::addColumn<int>("version");
+    QTest::addColumn<int>("recordSize");
+    QTest::addColumn<int>("prologueSize");
+    QTest::newRow("v0") << 0 << 45 << 0;
+    QTest::newRow("v1") << 1 << 49 << 4;
+    QTest::newRow("v2") << 2 << 61 << 5;
+    QTest::newRow("v3") << 3 << 179 << 5;
+    QTest::newRow("v4") << 4 << 187 << 5;
+    QTest::newRow("v5") << 5 << 195 << 5;
+    QTest::newRow("v6") << 6 << 94 << 8;
+}
+
+void TestDemoTarget::dspPacketMatchesEngine()
+{
+    QFETCH(int, version);
+    QFETCH(int, recordSize);
+    QFETCH(int, prologueSize);
+    SimEngine engine(3, 60);
+    for (int i = 0; i < 40; ++i)
+        engine.step();
+    const SimNetwork& network = engine.getNetwork();
+    const QByteArray packet = PacketEncoder::encodeDSP(network, version);
+    const DecodedDSP dsp = decodeDSP(packet);
+
+    QVERIFY(dsp.ok);
+    QCOMPARE(packet.mid(8, 4), QByteArray::fromHex("0100").append(char(version)).append('\0'));
+    const QVector<int> reachable = reachableUnits(network);
+    // One record for the head and one for every input of every unit on the wire.
+    int records = 1;
+    for (int unit : reachable)
+        records += network.units[unit].inputs.size();
+    QCOMPARE(dsp.numRecords, records);
+    QCOMPARE(packet.size(), 12 + prologueSize + records * recordSize);
+    QCOMPARE(dsp.order.size(), reachable.size());
+    QCOMPARE(dsp.order.first(), wireId(network.units[network.head].id, version));
+    QCOMPARE(floatBits(dsp.cpuUsage), version >= 1 && version <= 5 ? floatBits(network.cpuUsage) : 0u);
+    QCOMPARE(dsp.timingRate, version == 6 ? 48000 : 0);
+    QCOMPARE(dsp.timingLength, version == 6 ? 1024 : 0);
+
+    for (int index : reachable) {
+        const SimUnit& unit = network.units[index];
+        QVERIFY(dsp.units.contains(wireId(unit.id, version)));
+        const DecodedUnit& got = dsp.units[wireId(unit.id, version)];
+        QCOMPARE(got.name, QString::fromUtf8(unit.name));
+        QCOMPARE(got.active, unit.active);
+        QCOMPARE(got.bypass, version >= 2 && unit.bypass);
+        QCOMPARE(got.exclusiveUsage, version >= 1 ? unit.exclusiveUsage : 0u);
+        QCOMPARE(got.groupId, version >= 4 ? unit.groupId : 0u);
+        QCOMPARE(got.sendTargetId, version >= 5 ? unit.sendTargetId : 0u);
+        QVector<int> levels;
+        for (qint8 level : unit.levels)
+            levels.append(version >= 3 ? level : -80);
+        QCOMPARE(got.levels, version >= 2 ? levels : QVector<int>());
+        QVector<DecodedInput> inputs;
+        for (const SimInput& input : unit.inputs)
+            inputs.append({wireId(network.units[input.unit].id, version), version == 6 && input.send,
+                           version == 6 && input.sidechain});
+        QCOMPARE(got.inputs, inputs);
+    }
+}
+
+void TestDemoTarget::groupPacketMatchesEngine()
+{
+    const SimEngine engine(5, 60);
+    PacketBuilder expected(7, 0, 0);
+    for (const SimGroup& group : engine.getNetwork().groups) {
+        const QByteArray guid = group.guid.toRfc4122(); // big-endian fields
+        expected.u64(group.id).u64(group.parentId);
+        expected.u32(qFromBigEndian<quint32>(guid.constData())).u16(qFromBigEndian<quint16>(guid.constData() + 4));
+        expected.u16(qFromBigEndian<quint16>(guid.constData() + 6)).raw(guid.mid(8)).zeros(4);
+        expected.fixedString(group.name, 260);
+    }
+    const QByteArray packet = PacketEncoder::encodeGroups(engine.getNetwork());
+    QCOMPARE(packet.size(), 12 + 296 * engine.getNetwork().groups.size());
+    QCOMPARE(packet.toHex(' '), expected.finish().toHex(' '));
+}
+
+// The expected bytes are built field by field from the layout tables.
+void TestDemoTarget::figurePackets_data()
+{
+    QTest::addColumn<QByteArray>("packet");
+    QTest::addColumn<QByteArray>("expected");
+    SimEngine engine(11, 60);
+    for (int i = 0; i < 25; ++i)
+        engine.step();
+    const SimFigures& f = engine.getFigures();
+    QTest::newRow("cpu v0") << PacketEncoder::encodeCPU(f, 0)
+                            << PacketBuilder(3, 0, 0).f32(f.dsp).f32(f.stream).f32(f.update).finish();
+    QTest::newRow("cpu v1") << PacketEncoder::encodeCPU(f, 1)
+                            << PacketBuilder(3, 0, 1).f32(f.dsp).f32(f.stream).f32(f.update).f32(f.geometry).finish();
+    QTest::newRow("channels") << PacketEncoder::encodeChannels(f)
+                              << PacketBuilder(4, 0, 0)
+                                     .i32(f.hardwareUsed).i32(f.hardwareCapacity)
+                                     .i32(f.softwareUsed).i32(f.softwareCapacity)
+                                     .i32(f.virtualUsed).i32(f.virtualCapacity)
+                                     .finish();
+    QTest::newRow("codecs") << PacketEncoder::encodeCodecs(f)
+                            << PacketBuilder(5, 0, 0)
+                                   .i32(f.codecUsed[CodecMPEG]).i32(f.codecCapacity[CodecMPEG])
+                                   .i32(f.codecUsed[CodecADPCM]).i32(f.codecCapacity[CodecADPCM])
+                                   .i32(f.codecUsed[CodecXMA]).i32(f.codecCapacity[CodecXMA])
+                                   .i32(f.codecUsed[CodecPCM]).i32(f.codecCapacity[CodecPCM])
+                                   .finish();
+    PacketBuilder stats(9, 0, 0);
+    stats.f32(f.dsp).f32(f.stream).f32(f.update).f32(f.geometry);
+    stats.i16(f.hardwareUsed + f.softwareUsed).i16(f.hardwareCapacity + f.softwareCapacity);
+    stats.i16(f.virtualUsed).i16(f.virtualCapacity);
+    for (int codec = 0; codec < NumCodecs; ++codec)
+        stats.i16(f.codecUsed[codec]).i16(f.codecCapacity[codec]);
+    stats.i32(f.memoryUsed).i32(f.memoryCapacity);
+    QTest::newRow("stats") << PacketEncoder::encodeStats(f) << stats.finish();
+}
+
+void TestDemoTarget::figurePackets()
+{
+    QFETCH(QByteArray, packet);
+    QFETCH(QByteArray, expected);
+    QCOMPARE(packet.toHex(' '), expected.toHex(' '));
+}
+
+void TestDemoTarget::networkFeatures_data()
+{
+    QTest::addColumn<int>("units");
+    QTest::newRow("default") << 60;
+    QTest::newRow("thousand") << 1000;
+    QTest::newRow("load test") << 100000;
+}
+
+void TestDemoTarget::networkFeatures()
+{
+    QFETCH(int, units);
+    QElapsedTimer timer;
+    timer.start();
+    const SimEngine engine(2, units);
+    const QByteArray packet = PacketEncoder::encodeDSP(engine.getNetwork(), 6);
+    const qint64 elapsedMs = timer.elapsed();
+    qInfo("%d units built and encoded in %lld ms", units, elapsedMs);
+    QVERIFY(elapsedMs < 10000); // a quadratic step would take minutes at 100000
+
+    const SimNetwork& network = engine.getNetwork();
+    const QVector<int> reachable = reachableUnits(network);
+    QVERIFY(reachable.size() >= units * 3 / 4 && reachable.size() <= units);
+    QCOMPARE(network.units[network.head].name, QByteArray("Master"));
+    const DecodedDSP dsp = decodeDSP(packet);
+    QVERIFY(dsp.ok);
+    QVERIFY(!dsp.hasCycle);
+
+    QHash<quint64, quint64> parentOf{{0, 0}};
+    for (const SimGroup& group : network.groups) {
+        QVERIFY(!group.guid.isNull());
+        parentOf.insert(group.id, group.parentId);
+    }
+    int deepestGroup = 0;
+    for (const SimGroup& group : network.groups) {
+        QVERIFY(parentOf.contains(group.parentId));
+        int depth = 0;
+        for (quint64 id = group.id; id != 0 && depth < 10; id = parentOf.value(id))
+            ++depth;
+        deepestGroup = qMax(deepestGroup, depth);
+    }
+    QVERIFY(deepestGroup >= 3 && deepestGroup <= 4);
+
+    QHash<int, int> consumers;
+    int inactive = 0, bypassed = 0, sidechains = 0, channels = 0, sendsToReturns = 0;
+    for (int index : reachable) {
+        const SimUnit& unit = network.units[index];
+        QVERIFY(parentOf.contains(unit.groupId));
+        QVERIFY(unit.name.size() <= 31);
+        QVERIFY(unit.inputs.size() <= 65535);
+        inactive += unit.active ? 0 : 1;
+        bypassed += unit.bypass ? 1 : 0;
+        channels += unit.name.startsWith("Channel ") ? 1 : 0;
+        for (const SimInput& input : unit.inputs) {
+            ++consumers[input.unit];
+            sidechains += input.sidechain && unit.name == "Compressor" ? 1 : 0;
+            const SimUnit& source = network.units[input.unit];
+            if (input.send && source.sendTargetId == unit.id && unit.name.contains("Return"))
+                ++sendsToReturns;
+        }
+    }
+    QVERIFY(inactive > 0);
+    QVERIFY(bypassed > 0);
+    QVERIFY(sidechains > 0);
+    QVERIFY(sendsToReturns > 0);
+    QVERIFY(channels > 0);
+    int feedsTwo = 0;
+    for (int count : qAsConst(consumers))
+        feedsTwo += count >= 2 ? 1 : 0;
+    QVERIFY(feedsTwo > sendsToReturns); // sidechain sources also feed two consumers
+
+    // Version 6 shares come out as a few percent per unit at most, and the
+    // older layouts' whole-network figure is what the head's share adds up to.
+    if (units == 60) {
+        const float blockMicroseconds = 1024 * 1000.0f * 1000.0f / 48000;
+        quint32 total = 0;
+        for (int index : reachable) {
+            QVERIFY(network.units[index].exclusiveUsage / blockMicroseconds < 0.08f);
+            total += network.units[index].exclusiveUsage;
+        }
+        QCOMPARE(floatBits(network.cpuUsage), floatBits(total / blockMicroseconds));
+        QVERIFY2(network.cpuUsage > 0.05f && network.cpuUsage < 0.6f, qPrintable(QString::number(network.cpuUsage)));
+    }
+}
+
+namespace
+{
+
+QSet<quint64> playingChannels(const SimNetwork& network)
+{
+    QSet<quint64> ids;
+    for (int index : reachableUnits(network)) {
+        if (network.units[index].name.startsWith("Channel "))
+            ids.insert(network.units[index].id);
+    }
+    return ids;
+}
+
+} // namespace
+
+void TestDemoTarget::simulationMovesDeterministically()
+{
+    SimEngine first(7, 60);
+    SimEngine same(7, 60);
+    SimEngine other(8, 60);
+    const SimNetwork& network = first.getNetwork();
+    const QVector<qint8> masterLevelsAtStart = network.units[network.head].levels;
+    QSet<quint64> channels = playingChannels(network);
+    int started = 0;
+    int stopped = 0;
+    QSet<qint32> virtualCounts;
+    for (int step = 0; step < 200; ++step) {
+        first.step();
+        same.step();
+        other.step();
+        const SimFigures& f = first.getFigures();
+        QVERIFY(f.softwareUsed >= 0 && f.softwareUsed <= f.softwareCapacity);
+        QVERIFY(f.hardwareUsed >= 0 && f.hardwareUsed <= f.hardwareCapacity);
+        QVERIFY(f.virtualUsed >= f.hardwareUsed + f.softwareUsed && f.virtualUsed <= f.virtualCapacity);
+        for (int codec = 0; codec < NumCodecs; ++codec)
+            QVERIFY(f.codecUsed[codec] >= 0 && f.codecUsed[codec] <= f.codecCapacity[codec]);
+        QVERIFY(f.memoryUsed > 0 && f.memoryUsed <= f.memoryCapacity);
+        QVERIFY(f.dsp > 0.0f && f.dsp < 100.0f);
+        virtualCounts.insert(f.virtualUsed);
+        const QSet<quint64> now = playingChannels(network);
+        started += QSet<quint64>(now).subtract(channels).size();
+        stopped += QSet<quint64>(channels).subtract(now).size();
+        channels = now;
+    }
+    QCOMPARE(PacketEncoder::encodeDSP(first.getNetwork(), 6), PacketEncoder::encodeDSP(same.getNetwork(), 6));
+    QCOMPARE(PacketEncoder::encodeStats(first.getFigures()), PacketEncoder::encodeStats(same.getFigures()));
+    QVERIFY(PacketEncoder::encodeDSP(first.getNetwork(), 6) != PacketEncoder::encodeDSP(other.getNetwork(), 6));
+    QVERIFY2(started > 10 && stopped > 10, qPrintable(QStringLiteral("%1 %2").arg(started).arg(stopped)));
+    QVERIFY(network.units[network.head].levels != masterLevelsAtStart);
+    QVERIFY(virtualCounts.size() > 5);
+}
+
+void TestDemoTarget::shapes_data()
+{
+    QTest::addColumn<int>("shape");
+    QTest::addColumn<int>("units");
+    QTest::addColumn<bool>("cycle");
+    QTest::addColumn<int>("feedingTwo");
+    QTest::newRow("tree") << int(DSPShapes::DSPShape::Tree) << 500 << false << -1;
+    QTest::newRow("tree of one") << int(DSPShapes::DSPShape::Tree) << 1 << false << 0;
+    QTest::newRow("ladder, whole rungs") << int(DSPShapes::DSPShape::DiamondLadder) << 1001 << false << 998;
+    QTest::newRow("ladder, half rung") << int(DSPShapes::DSPShape::DiamondLadder) << 1000 << false << 997;
+    QTest::newRow("deep ladder") << int(DSPShapes::DSPShape::DiamondLadder) << 20001 << false << 19998;
+    QTest::newRow("cycles") << int(DSPShapes::DSPShape::Cycles) << 800 << true << -1;
+}
+
+void TestDemoTarget::shapes()
+{
+    QFETCH(int, shape);
+    QFETCH(int, units);
+    QFETCH(bool, cycle);
+    QFETCH(int, feedingTwo);
+    const DecodedDSP dsp = decodeDSP(DSPShapes::makeDSPPacket(static_cast<DSPShapes::DSPShape>(shape), units));
+    QVERIFY(dsp.ok);
+    QCOMPARE(dsp.version, 6);
+    QCOMPARE(dsp.order.size(), units);
+    QCOMPARE(dsp.hasCycle, cycle);
+    if (feedingTwo < 0)
+        return;
+    QHash<quint64, int> consumers;
+    for (const DecodedUnit& unit : dsp.units) {
+        for (const DecodedInput& input : unit.inputs)
+            ++consumers[input.id];
+    }
+    int feeding = 0;
+    for (int count : qAsConst(consumers))
+        feeding += count == 2 ? 1 : 0;
+    QCOMPARE(feeding, feedingTwo);
+}
+
+void TestDemoTarget::serverStreams_data()
+{
+    QTest::addColumn<int>("type");
+    QTest::addColumn<int>("dspVersion");
+    QTest::addColumn<int>("cpuVersion");
+    QTest::addColumn<int>("version");
+    QTest::addColumn<int>("size"); // 0: checked by decoding
+    QTest::newRow("dsp v6") << 1 << 6 << 1 << 6 << 0;
+    QTest::newRow("dsp v0") << 1 << 0 << 1 << 0 << 0;
+    QTest::newRow("cpu v1") << 3 << 6 << 1 << 1 << 28;
+    QTest::newRow("cpu v0") << 3 << 6 << 0 << 0 << 24;
+    QTest::newRow("channels") << 4 << 6 << 1 << 0 << 36;
+    QTest::newRow("codecs") << 5 << 6 << 1 << 0 << 44;
+    QTest::newRow("groups") << 7 << 6 << 1 << 0 << 0;
+    QTest::newRow("stats") << 9 << 6 << 1 << 0 << 72;
+}
+
+void TestDemoTarget::serverStreams()
+{
+    QFETCH(int, type);
+    QFETCH(int, dspVersion);
+    QFETCH(int, cpuVersion);
+    QFETCH(int, version);
+    QFETCH(int, size);
+    TargetSettings settings;
+    settings.dspVersion = dspVersion;
+    settings.cpuVersion = cpuVersion;
+    TargetServer server(settings);
+    QVERIFY(server.listen(QHostAddress::LocalHost, 0));
+    TestClient client(server.getPort());
+    QVERIFY(client.waitConnected());
+    client.send(request(static_cast<quint8>(type), 20));
+    for (int i = 0; i < 3; ++i) {
+        const QByteArray packet = client.next(static_cast<quint8>(type));
+        QVERIFY(!packet.isEmpty());
+        QCOMPARE(static_cast<int>(packet[9]), 0);
+        QCOMPARE(static_cast<int>(packet[10]), version);
+        if (size != 0)
+            QCOMPARE(packet.size(), size);
+        else if (type == 7)
+            QCOMPARE(packet.size(), 12 + 296 * server.getEngine().getNetwork().groups.size());
+        else
+            QVERIFY(decodeDSP(packet).ok);
+    }
+}
+
+// A channel request acts as a marker: once its answer arrives, the stop before
+// it has been handled, and no CPU packet may follow.
+void TestDemoTarget::intervalZeroStopsStream()
+{
+    TargetServer server{TargetSettings()};
+    QVERIFY(server.listen(QHostAddress::LocalHost, 0));
+    TestClient client(server.getPort());
+    QVERIFY(client.waitConnected());
+    client.send(request(3, 10));
+    QVERIFY(QTest::qWaitFor([&]() { return client.count(3) >= 3; }, 3000));
+    client.send(request(3, 0) + request(4, 60000));
+    QVERIFY(!client.next(4).isEmpty());
+    QTest::qWait(100);
+    QCOMPARE(client.count(3), 0);
+}
+
+void TestDemoTarget::rateMultiplierSpeedsStreams()
+{
+    TargetSettings settings;
+    settings.rateMultiplier = 20.0;
+    TargetServer server(settings);
+    QVERIFY(server.listen(QHostAddress::LocalHost, 0));
+    TestClient client(server.getPort());
+    QVERIFY(client.waitConnected());
+    client.send(request(3, 400)); // every 20 ms
+    // Unmultiplied, a second would bring three packets.
+    QVERIFY(QTest::qWaitFor([&]() { return client.count(3) >= 6; }, 1000));
+}
+
+void TestDemoTarget::commandsChangeNextSnapshot_data()
+{
+    QTest::addColumn<int>("subtype");
+    QTest::newRow("enable") << 2;
+    QTest::newRow("bypass") << 3;
+}
+
+// A stream answers each request at once, so re-requesting after a command
+// yields the first snapshot taken after it.
+void TestDemoTarget::commandsChangeNextSnapshot()
+{
+    QFETCH(int, subtype);
+    TargetServer server{TargetSettings()};
+    QVERIFY(server.listen(QHostAddress::LocalHost, 0));
+    TestClient client(server.getPort());
+    QVERIFY(client.waitConnected());
+    auto snapshot = [&]() {
+        client.send(request(1, 60000));
+        return decodeDSP(client.next(1));
+    };
+    auto command = [&](quint64 id, bool state) {
+        client.send(PacketBuilder(1, static_cast<quint8>(subtype), 6).u64(id).u8(state ? 1 : 0).finish());
+    };
+    auto state = [&](const DecodedDSP& dsp, quint64 id) {
+        return subtype == 2 ? dsp.units[id].active : dsp.units[id].bypass;
+    };
+
+    const DecodedDSP before = snapshot();
+    QVERIFY(before.ok);
+    const quint64 bus = before.units[before.order.first()].inputs.first().id;
+    const bool initial = state(before, bus);
+    command(bus, !initial);
+    const DecodedDSP changed = snapshot();
+    QCOMPARE(state(changed, bus), !initial);
+    if (subtype == 2)
+        QCOMPARE(changed.units[bus].exclusiveUsage, 0u); // an inactive unit costs nothing
+    command(0x1234, initial); // no such unit: ignored
+    command(bus, initial);
+    const DecodedDSP restored = snapshot();
+    QCOMPARE(state(restored, bus), initial);
+    QVERIFY(restored.units[bus].exclusiveUsage > 1u);
+}
+
+void TestDemoTarget::commandStringsAreReported_data()
+{
+    QTest::addColumn<QByteArray>("packet");
+    QTest::addColumn<int>("type");
+    QTest::addColumn<QString>("text");
+    const QByteArray longText(200, 'x');
+    QTest::newRow("dsp") << PacketBuilder(1, 1, 6).fixedString("Show Reverb", 128).finish() << 1
+                         << "Show Reverb";
+    QTest::newRow("group utf-8") << PacketBuilder(7, 1, 0).fixedString("show m\xc3\xbcsic", 128).finish() << 7
+                                 << QString::fromUtf8("show m\xc3\xbcsic");
+    QTest::newRow("field without terminator")
+        << PacketBuilder(7, 1, 0).fixedString(longText, 128).finish() << 7 << QString(128, 'x');
+    QTest::newRow("short packet") << PacketBuilder(1, 1, 6).raw("Show").finish() << 1 << "Show";
+}
+
+void TestDemoTarget::commandStringsAreReported()
+{
+    QFETCH(QByteArray, packet);
+    QFETCH(int, type);
+    QFETCH(QString, text);
+    TargetServer server{TargetSettings()};
+    QVERIFY(server.listen(QHostAddress::LocalHost, 0));
+    QSignalSpy spy(&server, &TargetServer::commandStringReceived);
+    TestClient client(server.getPort());
+    QVERIFY(client.waitConnected());
+    client.send(packet);
+    QVERIFY(spy.wait(3000));
+    QCOMPARE(spy.count(), 1);
+    QCOMPARE(spy.first().at(0).toInt(), type);
+    QCOMPARE(spy.first().at(1).toString(), text);
+}
+
+void TestDemoTarget::brokenInput_data()
+{
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<bool>("closes");
+    QTest::newRow("size 0") << PacketBuilder(0, 0, 0).finishWithSize(0) << true;
+    QTest::newRow("size 11") << PacketBuilder(0, 0, 0).finishWithSize(11) << true;
+    QTest::newRow("size 70000") << PacketBuilder(0, 0, 0).finishWithSize(70000) << true;
+    QTest::newRow("size 0xffffffff") << PacketBuilder(0, 0, 0).finishWithSize(0xffffffffu) << true;
+    QTest::newRow("unknown type") << PacketBuilder(2, 0, 0).u32(1).finish() << false;
+    QTest::newRow("unknown stream") << request(6, 10) << false;
+    QTest::newRow("stream subtype 1") << PacketBuilder(0, 0, 0).u8(3).u8(1).u32(10).finish() << false;
+    QTest::newRow("request cut short") << PacketBuilder(0, 0, 0).u8(3).u8(0).finish() << false;
+    QTest::newRow("enable cut short") << PacketBuilder(1, 2, 6).u32(1).finish() << false;
+    QTest::newRow("header only") << PacketBuilder(1, 3, 6).finish() << false;
+    QTest::newRow("5000 empty packets") << PacketBuilder(2, 0, 0).finish().repeated(5000) << false;
+}
+
+// The server drops a connection whose framing makes no sense, ignores what
+// it does not understand, and keeps serving everyone else either way.
+void TestDemoTarget::brokenInput()
+{
+    QFETCH(QByteArray, bytes);
+    QFETCH(bool, closes);
+    TargetServer server{TargetSettings()};
+    QVERIFY(server.listen(QHostAddress::LocalHost, 0));
+    TestClient bystander(server.getPort());
+    TestClient client(server.getPort());
+    QVERIFY(bystander.waitConnected());
+    QVERIFY(client.waitConnected());
+    QVERIFY(QTest::qWaitFor([&]() { return server.getNumConnections() == 2; }, 3000));
+    bystander.send(request(3, 10));
+
+    client.send(bytes + request(4, 60000));
+    if (closes) {
+        QVERIFY(QTest::qWaitFor([&]() { return client.socket.state() == QAbstractSocket::UnconnectedState; }));
+        QCOMPARE(client.count(4), 0);
+        QVERIFY(QTest::qWaitFor([&]() { return server.getNumConnections() == 1; }, 3000));
+    } else {
+        QVERIFY(!client.next(4).isEmpty());
+        QCOMPARE(server.getNumConnections(), 2);
+    }
+    const int before = bystander.count(3);
+    QVERIFY(QTest::qWaitFor([&]() { return bystander.count(3) > before + 2; }, 3000));
+}
+
+QTEST_GUILESS_MAIN(TestDemoTarget)
+#include "tst_demotarget.moc"

@@ -1,0 +1,30 @@
+#ifndef DSPSHAPES_H
+#define DSPSHAPES_H
+
+#include "simnetwork.h"
+
+#include <QByteArray>
+
+// Networks of an exact size and a chosen shape, for benchmarks and fuzz
+// seeds, without a server or a running engine.
+namespace DSPShapes
+{
+
+enum class DSPShape
+{
+    // The engine's own network with every channel slot playing.
+    Tree,
+    // A head over rungs of two units, each unit an input of both units of
+    // the rung above, so every unit below the top rung feeds two consumers.
+    DiamondLadder,
+    // The tree, with some units listing an ancestor as an extra input.
+    Cycles
+};
+
+SimNetwork makeNetwork(DSPShape shape, int units, quint64 seed = 1);
+// A version 6 DSP packet of that network.
+QByteArray makeDSPPacket(DSPShape shape, int units, quint64 seed = 1);
+
+} // namespace DSPShapes
+
+#endif // DSPSHAPES_H
