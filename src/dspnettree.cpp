@@ -9,6 +9,7 @@
 #include <climits>
 #include <cmath>
 #include <cstddef>
+#include <utility>
 
 namespace
 {
@@ -33,8 +34,8 @@ const char LoudestLevel = 10;
 const int GroupRecordSize = 296;
 const int GroupNameWidth = 260;
 
-// Where a record's tree structure lies; the rest of a record is read by the
-// decoders below.
+// A record's size and where its tree structure lies; the rest of a record
+// is read by the decoders below.
 struct RecordLayout
 {
     int size;
@@ -221,12 +222,14 @@ void decodeRecordV6(PacketReader& in, DSPNode* node, RecordPlace* place)
 }
 
 // Decodes one record and moves the cursor past it; false when the record
-// does not fit before `end`.
+// does not fit before `end`. Each decoder gets exactly its record's bytes,
+// so it can neither read into the next record nor leave bytes behind.
 bool decodeRecord(const char** cursor, const char* end, int version, DSPNode* node, RecordPlace* place)
 {
-    if (!end || *cursor > end || end - *cursor > INT_MAX)
+    const int size = recordLayout(version).size;
+    if (!end || *cursor > end || end - *cursor < size)
         return false;
-    PacketReader in(*cursor, static_cast<int>(end - *cursor));
+    PacketReader in(*cursor, size);
     if (version <= 1)
         decodeRecordV0V1(in, version, node, place);
     else if (version <= 3)
@@ -235,10 +238,10 @@ bool decodeRecord(const char** cursor, const char* end, int version, DSPNode* no
         decodeRecordV4V5(in, version, node, place);
     else
         decodeRecordV6(in, node, place);
-    if (!in.ok())
+    if (!in.ok() || in.remaining() != 0)
         return false;
     node->inclusiveUsage = node->exclusiveUsage;
-    *cursor += in.position();
+    *cursor += size;
     return true;
 }
 

@@ -5,6 +5,7 @@
 #include "cpuhistory.h"
 #include "dspnettree.h"
 #include "linegraph.h"
+#include "profilerdspnetgraph.h"
 #include "profilernetwork.h"
 #include "statshistory.h"
 
@@ -61,6 +62,7 @@ ProfilerForm::ProfilerForm(QWidget* parent, Qt::WindowFlags flags)
     connectButton = new QPushButton();
     pauseButton = new QPushButton();
     connectionLayout = new QHBoxLayout();
+    dspNetGraphPanel = new ProfilerDSPNetGraph(dspTree);
     splitter = new QSplitter();
     lineGraphPanel = new ProfilerLineGraph(cpuHistory, channelHistory, codecHistory, statsHistory);
     mainLayout = new QVBoxLayout();
@@ -109,13 +111,16 @@ ProfilerForm::ProfilerForm(QWidget* parent, Qt::WindowFlags flags)
     connectionLayout->addWidget(pauseButton);
     connectionLayout->setSpacing(6);
 
+    dspNetGraphPanel->layout()->setContentsMargins(0, 0, 0, 6);
     lineGraphPanel->layout()->setContentsMargins(0, 6, 0, 0);
 
     splitter->setOrientation(Qt::Vertical);
     splitter->setChildrenCollapsible(false);
     splitter->setOpaqueResize(false);
     splitter->setContentsMargins(0, 0, 0, 0);
+    splitter->addWidget(dspNetGraphPanel);
     splitter->addWidget(lineGraphPanel);
+    splitter->setStretchFactor(0, 1);
 
     mainLayout->addLayout(connectionLayout);
     mainLayout->addWidget(splitter);

@@ -15,6 +15,7 @@ class ChannelHistory;
 class CodecHistory;
 class CPUHistory;
 class DSPTree;
+class ProfilerDSPNetGraph;
 class ProfilerLineGraph;
 class ProfilerNetwork;
 class StatsHistory;
@@ -69,6 +70,7 @@ private:
     QPushButton* connectButton;
     QPushButton* pauseButton;
     QHBoxLayout* connectionLayout;
+    ProfilerDSPNetGraph* dspNetGraphPanel;
     QSplitter* splitter;
     ProfilerLineGraph* lineGraphPanel;
     QVBoxLayout* mainLayout;

@@ -9,10 +9,15 @@ namespace
 const int ReconnectIntervalMs = 5000;
 const int IdleTimeoutMs = 3000;
 
-bool packetMatches(const QByteArray& packet, unsigned char type, unsigned char subtype)
+quint16 packetKey(unsigned char type, unsigned char subtype)
 {
-    return static_cast<unsigned char>(packet.at(TARN::PacketTypeOffset)) == type
-        && static_cast<unsigned char>(packet.at(TARN::PacketSubtypeOffset)) == subtype;
+    return quint16(type << 8 | subtype);
+}
+
+quint16 packetKey(const QByteArray& packet)
+{
+    return packetKey(static_cast<unsigned char>(packet.at(TARN::PacketTypeOffset)),
+                     static_cast<unsigned char>(packet.at(TARN::PacketSubtypeOffset)));
 }
 
 } // namespace
@@ -20,7 +25,7 @@ bool packetMatches(const QByteArray& packet, unsigned char type, unsigned char s
 ProfilerNetwork::ProfilerNetwork()
     : paused(false)
     , socket(new QTcpSocket)
-    , packetList(new QList<QByteArray>)
+    , packetList(new PacketQueue)
     , reconnectTimer(new QTimer(this))
     , idleTimer(new QTimer(this))
     , connecting(false)
@@ -114,23 +119,23 @@ void ProfilerNetwork::sendCommand(TARN::ProfilePacketHeader* packet)
 
 int ProfilerNetwork::getNumWaitingPackets(unsigned char type, unsigned char subtype)
 {
-    int count = 0;
-    for (const QByteArray& packet : qAsConst(*packetList)) {
-        if (packetMatches(packet, type, subtype))
-            ++count;
-    }
-    return count;
+    const auto found = packetsByType.constFind(packetKey(type, subtype));
+    return found == packetsByType.constEnd() ? 0 : int(found->size());
 }
 
 QByteArray ProfilerNetwork::getPacket(unsigned char type, unsigned char subtype)
 {
-    for (int i = 0; i < packetList->size(); ++i) {
-        if (packetMatches(packetList->at(i), type, subtype)) {
-            waitingBytes -= packetList->at(i).size();
-            return packetList->takeAt(i);
-        }
-    }
-    return QByteArray();
+    const auto found = packetsByType.find(packetKey(type, subtype));
+    if (found == packetsByType.end())
+        return QByteArray();
+    const PacketQueue::iterator oldest = found->front();
+    found->pop_front();
+    if (found->empty())
+        packetsByType.erase(found);
+    const QByteArray packet = oldest->bytes;
+    waitingBytes -= packet.size();
+    packetList->erase(oldest);
+    return packet;
 }
 
 void ProfilerNetwork::slotSocketConnected()
@@ -176,11 +181,10 @@ void ProfilerNetwork::receiveBytes(const QByteArray& bytes)
 {
     if (!frameReceivedBytes(bytes))
         return;
-    if (packetList->isEmpty())
+    if (packetList->empty())
         return;
     if (paused) {
-        packetList->clear();
-        waitingBytes = 0;
+        clearPackets();
     } else {
         emit packetReady();
     }
@@ -206,7 +210,12 @@ bool ProfilerNetwork::frameReceivedBytes(const QByteArray& bytes)
         appendPacket(received.mid(offset, int(size)));
         offset += int(size);
     }
-    received.remove(0, offset);
+    // When the bytes were exactly whole packets the last one shares the
+    // buffer; removing would first copy it all only to throw the copy away.
+    if (offset == received.size())
+        received.clear();
+    else
+        received.remove(0, offset);
     return true;
 }
 
@@ -286,10 +295,28 @@ void ProfilerNetwork::failWithSocketError()
 
 void ProfilerNetwork::appendPacket(const QByteArray& packet)
 {
-    packetList->append(packet);
+    const quint16 key = packetKey(packet);
+    packetList->push_back({ packet, key });
+    packetsByType[key].push_back(std::prev(packetList->end()));
     waitingBytes += packet.size();
-    while (packetList->size() > MaxWaitingPackets || waitingBytes > MaxWaitingBytes) {
-        waitingBytes -= packetList->first().size();
-        packetList->removeFirst();
-    }
+    while (int(packetList->size()) > MaxWaitingPackets || waitingBytes > MaxWaitingBytes)
+        dropOldestPacket();
+}
+
+// The oldest packet of all is also the oldest of its own type.
+void ProfilerNetwork::dropOldestPacket()
+{
+    const auto found = packetsByType.find(packetList->front().key);
+    found->pop_front();
+    if (found->empty())
+        packetsByType.erase(found);
+    waitingBytes -= packetList->front().bytes.size();
+    packetList->pop_front();
+}
+
+void ProfilerNetwork::clearPackets()
+{
+    packetList->clear();
+    packetsByType.clear();
+    waitingBytes = 0;
 }

@@ -5,9 +5,13 @@
 
 #include <QAbstractSocket>
 #include <QByteArray>
+#include <QHash>
 #include <QList>
 #include <QObject>
 #include <QString>
+
+#include <deque>
+#include <list>
 
 class QTcpSocket;
 class QTimer;
@@ -80,9 +84,23 @@ private:
     void failWithSocketError();
     bool frameReceivedBytes(const QByteArray& bytes);
     void appendPacket(const QByteArray& packet);
+    void dropOldestPacket();
+    void clearPackets();
+
+    // The waiting packets in arrival order, and for each (type, subtype) its
+    // own packets oldest first. Collectors drain one type at a time; with the
+    // index, counting and taking cost the same however many packets of other
+    // types wait in front.
+    struct WaitingPacket
+    {
+        QByteArray bytes;
+        quint16 key;
+    };
+    using PacketQueue = std::list<WaitingPacket>;
 
     QTcpSocket* socket;
-    QList<QByteArray>* packetList;
+    PacketQueue* packetList;
+    QHash<quint16, std::deque<PacketQueue::iterator>> packetsByType;
     QTimer* reconnectTimer;
     QTimer* idleTimer;
     bool connecting;

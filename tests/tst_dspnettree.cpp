@@ -11,7 +11,7 @@
 #include <QSignalSpy>
 #include <QTest>
 
-#include <cmath>
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -105,8 +105,10 @@ QByteArray ladder(int levels, bool closed)
     records.append({ quint64(levels + 1), quint16(closed ? 1 : 0) });
     if (closed)
         records.append({ 1, 0 });
-    for (int k = levels; k >= 1; --k)
-        records.append({ quint64(levels + 1 + k), 1 }), records.append({ quint64(k + 1), 0 });
+    for (int k = levels; k >= 1; --k) {
+        records.append({ quint64(levels + 1 + k), 1 });
+        records.append({ quint64(k + 1), 0 });
+    }
     return packetV6(records);
 }
 
@@ -375,10 +377,11 @@ void TestDSPNetTree::boundedFields_data()
         << packetV6({ { 1, 1, 1, 1, QByteArray(32, 'N') }, { 2, 0, 1, 1, "next" } }) << QString(32, 'N') << 0 << 2;
     QTest::newRow("invalid UTF-8")
         << packetV6({ { 1, 0, 1, 1, "\xff\xfe" "ab" } }) << QStringLiteral("\ufffd\ufffd" "ab") << 0 << 1;
-    QTest::newRow("level count 255") << packetV5(0.5f, { { 1, 0, 1 } }, QVector<float>(32, 1.0f), 255) << "unit"
-                                     << 32 << 1;
+    QTest::newRow("level count 255") << packetV5(0.5f, { { 1, 0, 1 } }, QVector<float>(32, 1.0f), 255)
+                                     << QStringLiteral("unit") << 32 << 1;
     // Negative as a signed count: no children are read, the rest is ignored.
-    QTest::newRow("child count 2^31") << packetV5(0.5f, { { 1, 0x80000000u, 1 }, { 2, 0, 1 } }) << "unit" << 0 << 1;
+    QTest::newRow("child count 2^31") << packetV5(0.5f, { { 1, 0x80000000u, 1 }, { 2, 0, 1 } })
+                                      << QStringLiteral("unit") << 0 << 1;
 }
 
 void TestDSPNetTree::boundedFields()
@@ -423,9 +426,9 @@ void TestDSPNetTree::cpuShares_data()
                                 << QStringList { "0x3e99999a", "0x3db851ec", "0x3e570a3f" };
     QTest::newRow("timing") << packetV6({ { 1, 1, 20 }, { 2, 0, 11 } }, 44100, 512)
                             << QStringList { "0x3b2efd22", "0x3ae1cac0", "0x3a785f07" };
-    QTest::newRow("no timing") << packetV6({ { 1, 1, 20 }, { 2, 0, 11 } }, 44100, 0) << QStringList(3, "0x00000000");
-    QTest::newRow("head usage 0") << packetV5(0.5f, { { 1, 1, 0 }, { 2, 0, 0 } }) << QStringList(3, "0x00000000");
-    QTest::newRow("NaN figure") << packetV5(NaN, { { 1, 1, 3 }, { 2, 0, 7 } }) << QStringList(3, bitsOf(NaN));
+    QTest::newRow("no timing") << packetV6({ { 1, 1, 20 }, { 2, 0, 11 } }, 44100, 0) << QStringList { "0x00000000", "0x00000000", "0x00000000" };
+    QTest::newRow("head usage 0") << packetV5(0.5f, { { 1, 1, 0 }, { 2, 0, 0 } }) << QStringList { "0x00000000", "0x00000000", "0x00000000" };
+    QTest::newRow("NaN figure") << packetV5(NaN, { { 1, 1, 3 }, { 2, 0, 7 } }) << QStringList { bitsOf(NaN), bitsOf(NaN), bitsOf(NaN) };
 }
 
 void TestDSPNetTree::cpuShares()
@@ -479,8 +482,10 @@ void TestDSPNetTree::depths_data()
         << QVector<int> { 0, 5, 4, 1, 2, 3 };
     QVector<Unit> chain;
     QVector<int> chainDepths;
-    for (int i = 0; i < 100000; ++i)
-        chain.append({ quint64(i + 1), quint16(i + 1 < 100000 ? 1 : 0) }), chainDepths.append(i);
+    for (int i = 0; i < 100000; ++i) {
+        chain.append({ quint64(i + 1), quint16(i + 1 < 100000 ? 1 : 0) });
+        chainDepths.append(i);
+    }
     QTest::newRow("100000-unit chain") << packetV6(chain) << chainDepths;
     QTest::newRow("ladder 20000 deep") << ladder(20000, false) << ladderDepths(20000);
     QTest::newRow("ladder whose bottom feeds the head") << ladder(20000, true) << ladderDepths(20000);

@@ -26,6 +26,17 @@ void LoopbackTarget::send(const QByteArray& bytes)
     client->flush();
 }
 
+void LoopbackTarget::sendWithoutFlush(const QByteArray& bytes)
+{
+    if (client)
+        client->write(bytes);
+}
+
+qint64 LoopbackTarget::pendingBytes() const
+{
+    return client ? client->bytesToWrite() : 0;
+}
+
 bool LoopbackTarget::waitForReceived(int count, int timeoutMs)
 {
     return QTest::qWaitFor([this, count] { return receivedBytes.size() >= count; }, timeoutMs);

@@ -24,6 +24,10 @@ public:
 
     // Sends bytes and flushes them to the OS at once.
     void send(const QByteArray& bytes);
+    // Queues bytes without waiting for the OS; pendingBytes() tells how many
+    // are still queued, so a test can stream at full speed without hoarding.
+    void sendWithoutFlush(const QByteArray& bytes);
+    qint64 pendingBytes() const;
     // Waits until at least `count` bytes arrived from the profiler.
     bool waitForReceived(int count, int timeoutMs = 5000);
     QByteArray received() const { return receivedBytes; }

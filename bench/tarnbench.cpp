@@ -1,0 +1,367 @@
+// Times each stage of one update of the profiler, from the bytes off the
+// socket to the painted views, for networks of growing size and awkward
+// shape, and prints one table with the goals checked underneath.
+
+#include "benchcases.h"
+#include "benchtable.h"
+#include "dspnetgraph.h"
+#include "dspnettree.h"
+#include "linegraph.h"
+#include "profilernetwork.h"
+
+#include <QApplication>
+#include <QPainter>
+#include <QRegion>
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+
+using DSPShapes::DSPShape;
+
+namespace
+{
+
+const double UpdatePeriodSeconds = 0.1;
+const QColor ViewBackground(49, 56, 64);
+
+enum class Stage
+{
+    Copy,
+    Framing,
+    Decode,
+    Layout,
+    Viewport,
+    Whole
+};
+
+struct StageInfo
+{
+    Stage stage;
+    const char* key;
+    const char* label;
+};
+
+const StageInfo Stages[] = {
+    { Stage::Copy, "memcpy", "memcpy of the packet (floor)" },
+    { Stage::Framing, "framing", "framing: receiveBytes" },
+    { Stage::Decode, "decode", "decode + model: DSPTree" },
+    { Stage::Layout, "layout", "layout: slotProcessTree" },
+    { Stage::Viewport, "viewport", "paint 1200x700 viewport" },
+    { Stage::Whole, "whole", "paint whole graph" },
+};
+
+struct ShapeCase
+{
+    DSPShape shape;
+    const char* name;
+    int units;
+};
+
+const ShapeCase Cases[] = {
+    { DSPShape::Tree, "Tree", 100 },
+    { DSPShape::Tree, "Tree", 1000 },
+    { DSPShape::Tree, "Tree", 5000 },
+    { DSPShape::Tree, "Tree", 10000 },
+    { DSPShape::Tree, "Tree", 50000 },
+    { DSPShape::DiamondLadder, "DiamondLadder", 10000 },
+    { DSPShape::Cycles, "Cycles", 10000 },
+};
+
+std::string benchmarkName(const ShapeCase& shapeCase, const char* stageKey)
+{
+    return std::string(shapeCase.name) + "/" + std::to_string(shapeCase.units) + "/" + stageKey;
+}
+
+void runStage(benchmark::State& state, DSPShape shape, int units, Stage stage)
+{
+    NetworkCase& c = networkCase(shape, units);
+    switch (stage) {
+    case Stage::Copy:
+        for (auto _ : state) {
+            std::memcpy(c.copyBuffer.data(), c.dspPacket.constData(), size_t(c.dspPacket.size()));
+            benchmark::ClobberMemory();
+        }
+        break;
+    case Stage::Framing:
+        for (auto _ : state)
+            c.framingNetwork->receiveBytes(c.dspPacket);
+        break;
+    case Stage::Decode:
+        for (auto _ : state) {
+            state.PauseTiming();
+            c.network->receiveBytes(c.dspPacket);
+            state.ResumeTiming();
+            c.tree->slotPacketArrived();
+        }
+        break;
+    case Stage::Layout:
+        for (auto _ : state)
+            c.graph->slotProcessTree();
+        break;
+    case Stage::Viewport:
+        // What a scroll area's repaint does: the graph's own paint event for
+        // the exposed region, on a cleared backing store.
+        for (auto _ : state) {
+            c.viewportImage.fill(ViewBackground);
+            c.graph->render(&c.viewportImage, QPoint(), QRegion(c.viewport), QWidget::RenderFlags());
+        }
+        break;
+    case Stage::Whole:
+        // Saving the picture, without the file: no clip, so nothing is culled.
+        for (auto _ : state) {
+            c.wholeImage.fill(Qt::transparent);
+            QPainter painter(&c.wholeImage);
+            c.graph->renderTree(&painter, true);
+        }
+        break;
+    }
+}
+
+void runLineGraphs(benchmark::State& state)
+{
+    LineGraphCase& c = lineGraphCase();
+    for (auto _ : state) {
+        c.network->receiveBytes(c.packets);
+        c.image.fill(Qt::transparent);
+        c.lineGraph->render(&c.image);
+    }
+}
+
+void runLineGraphCopy(benchmark::State& state)
+{
+    LineGraphCase& c = lineGraphCase();
+    for (auto _ : state) {
+        std::memcpy(c.copyBuffer.data(), c.packets.constData(), size_t(c.packets.size()));
+        benchmark::ClobberMemory();
+    }
+}
+
+void runBurst(benchmark::State& state)
+{
+    BurstCase& c = burstCase();
+    for (auto _ : state)
+        c.network->receiveBytes(c.bytes);
+}
+
+void runBurstCopy(benchmark::State& state)
+{
+    BurstCase& c = burstCase();
+    for (auto _ : state) {
+        std::memcpy(c.copyBuffer.data(), c.bytes.constData(), size_t(c.bytes.size()));
+        benchmark::ClobberMemory();
+    }
+}
+
+double minimumOf(const std::vector<double>& values)
+{
+    return *std::min_element(values.begin(), values.end());
+}
+
+void configure(benchmark::internal::Benchmark* b, int repetitions)
+{
+    // Process CPU time, not wall time: other builds share this machine, and
+    // the work is single-threaded, so on an idle machine the two agree.
+    b->Unit(benchmark::kMicrosecond)->MinTime(0.05);
+    if (repetitions > 1) {
+        b->Repetitions(repetitions)->ReportAggregatesOnly(true)->ComputeStatistics("min", &minimumOf);
+    }
+}
+
+void registerBenchmarks(int repetitions)
+{
+    // Case by case, so that only one large network is held at a time.
+    for (const ShapeCase& shapeCase : Cases) {
+        for (const StageInfo& info : Stages) {
+            const DSPShape shape = shapeCase.shape;
+            const int units = shapeCase.units;
+            const Stage stage = info.stage;
+            configure(benchmark::RegisterBenchmark(benchmarkName(shapeCase, info.key).c_str(),
+                                                   [shape, units, stage](benchmark::State& state) {
+                                                       runStage(state, shape, units, stage);
+                                                   }),
+                      repetitions);
+        }
+    }
+    configure(benchmark::RegisterBenchmark("LineGraphs/memcpy", runLineGraphCopy), repetitions);
+    configure(benchmark::RegisterBenchmark("LineGraphs/update", runLineGraphs), repetitions);
+    configure(benchmark::RegisterBenchmark("Burst/memcpy", runBurstCopy), repetitions);
+    configure(benchmark::RegisterBenchmark("Burst/receive", runBurst), repetitions);
+}
+
+QString ratioText(double seconds, double floor)
+{
+    if (seconds < 0.0 || floor <= 0.0)
+        return QStringLiteral("-");
+    const double ratio = seconds / floor;
+    return QString::number(ratio, 'f', ratio < 10.0 ? 1 : 0);
+}
+
+QString periodText(double seconds)
+{
+    if (seconds < 0.0)
+        return QStringLiteral("-");
+    const double percent = 100.0 * seconds / UpdatePeriodSeconds;
+    return QString::number(percent, 'f', percent < 1.0 ? 3 : 1) + QLatin1Char('%');
+}
+
+QString printTable(const MinimumTimeReporter& reporter)
+{
+    TextTable table({ QStringLiteral("network (DSP packet bytes)"), QStringLiteral("stage"), QStringLiteral("time"),
+                      QStringLiteral("x memcpy"), QStringLiteral("of 100 ms") });
+    for (const ShapeCase& shapeCase : Cases) {
+        const qint64 bytes = networkCasePacketBytes(shapeCase.shape, shapeCase.units);
+        if (bytes < 0)
+            continue;
+        const QString network = QStringLiteral("%1 %2 (%3 B)").arg(shapeCase.name).arg(shapeCase.units).arg(bytes);
+        const double floor = reporter.getSeconds(benchmarkName(shapeCase, "memcpy"));
+        for (const StageInfo& info : Stages) {
+            const double seconds = reporter.getSeconds(benchmarkName(shapeCase, info.key));
+            table.addRow({ network, QString::fromLatin1(info.label), formatDuration(seconds),
+                           ratioText(seconds, floor), periodText(seconds) });
+        }
+    }
+    const double lineSeconds = reporter.getSeconds("LineGraphs/update");
+    if (lineSeconds >= 0.0) {
+        const double floor = reporter.getSeconds("LineGraphs/memcpy");
+        table.addRow({ QStringLiteral("line graphs (%1 B)").arg(lineGraphCase().packets.size()),
+                       QStringLiteral("CPU+channel+codec+stats packet, paint 800x300"), formatDuration(lineSeconds),
+                       ratioText(lineSeconds, floor), periodText(lineSeconds) });
+    }
+    const double burstSeconds = reporter.getSeconds("Burst/receive");
+    if (burstSeconds >= 0.0) {
+        const double floor = reporter.getSeconds("Burst/memcpy");
+        table.addRow({ QStringLiteral("history backlog (%1 B)").arg(burstCase().bytes.size()),
+                       QStringLiteral("%1 packets in one read, all collectors").arg(4 * BurstCase::PacketsPerStream),
+                       formatDuration(burstSeconds), ratioText(burstSeconds, floor), periodText(burstSeconds) });
+    }
+    return table.toString();
+}
+
+double stageSeconds(const MinimumTimeReporter& reporter, const char* shape, int units, const char* stage)
+{
+    return reporter.getSeconds(std::string(shape) + "/" + std::to_string(units) + "/" + stage);
+}
+
+// decode + model + layout + viewport paint: what one DSP update costs on screen.
+double updateSeconds(const MinimumTimeReporter& reporter, int units)
+{
+    double total = 0.0;
+    for (const char* stage : { "decode", "layout", "viewport" }) {
+        const double seconds = stageSeconds(reporter, "Tree", units, stage);
+        if (seconds < 0.0)
+            return -1.0;
+        total += seconds;
+    }
+    return total;
+}
+
+QString verdict(bool known, bool pass)
+{
+    return !known ? QStringLiteral("not run") : pass ? QStringLiteral("PASS") : QStringLiteral("FAIL");
+}
+
+QString printGoals(const MinimumTimeReporter& reporter)
+{
+    QString text;
+    const double update10k = updateSeconds(reporter, 10000);
+    text += QStringLiteral("goal: Tree 10000, decode+model+layout+viewport %1 = %2 of the period, under 20%: %3\n")
+                .arg(formatDuration(update10k), periodText(update10k),
+                     verdict(update10k >= 0.0, update10k < 0.2 * UpdatePeriodSeconds));
+    const double update50k = updateSeconds(reporter, 50000);
+    text += QStringLiteral("goal: Tree 50000, decode+model+layout+viewport %1 = %2 of the period, under 100%: %3\n")
+                .arg(formatDuration(update50k), periodText(update50k),
+                     verdict(update50k >= 0.0, update50k < UpdatePeriodSeconds));
+
+    const char* const timedStages[] = { "framing", "decode", "layout", "viewport", "whole" };
+    QStringList growth;
+    bool growthKnown = true;
+    bool growthPass = true;
+    for (const char* stage : timedStages) {
+        const double small = stageSeconds(reporter, "Tree", 5000, stage);
+        const double large = stageSeconds(reporter, "Tree", 50000, stage);
+        if (small <= 0.0 || large < 0.0) {
+            growthKnown = false;
+            continue;
+        }
+        const double ratio = large / small;
+        growthPass = growthPass && ratio <= 12.0;
+        growth.append(QStringLiteral("%1 %2x").arg(QLatin1String(stage)).arg(ratio, 0, 'f', 1));
+    }
+    text += QStringLiteral("goal: Tree 50000 / Tree 5000 at most 12x per stage (%1): %2\n")
+                .arg(growth.join(QStringLiteral(", ")), verdict(growthKnown, growthPass));
+
+    for (const char* shape : { "DiamondLadder", "Cycles" }) {
+        QStringList ratios;
+        bool known = true;
+        bool pass = true;
+        for (const char* stage : timedStages) {
+            const double tree = stageSeconds(reporter, "Tree", 10000, stage);
+            const double awkward = stageSeconds(reporter, shape, 10000, stage);
+            if (tree <= 0.0 || awkward < 0.0) {
+                known = false;
+                continue;
+            }
+            const double ratio = awkward / tree;
+            pass = pass && ratio <= 3.0;
+            ratios.append(QStringLiteral("%1 %2x").arg(QLatin1String(stage)).arg(ratio, 0, 'f', 1));
+        }
+        text += QStringLiteral("goal: %1 10000 / Tree 10000 at most 3x per stage (%2): %3\n")
+                    .arg(QLatin1String(shape), ratios.join(QStringLiteral(", ")), verdict(known, pass));
+    }
+
+    for (const ShapeCase& shapeCase : Cases) {
+        const QString note = networkCaseNote(shapeCase.shape, shapeCase.units);
+        if (!note.isEmpty())
+            text += QStringLiteral("note: %1 %2: %3\n").arg(shapeCase.name).arg(shapeCase.units).arg(note);
+    }
+    return text;
+}
+
+// Takes "--repetitions=N" out of the arguments before Google Benchmark sees them.
+int takeRepetitions(int* argc, char** argv)
+{
+    int repetitions = 5;
+    int kept = 1;
+    for (int i = 1; i < *argc; ++i) {
+        if (std::strncmp(argv[i], "--repetitions=", 14) == 0)
+            repetitions = qMax(1, std::atoi(argv[i] + 14));
+        else
+            argv[kept++] = argv[i];
+    }
+    *argc = kept;
+    return repetitions;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    // Painting needs no display; the offscreen platform draws the same pixels.
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    const int repetitions = takeRepetitions(&argc, argv);
+    QApplication application(argc, argv);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+
+    registerBenchmarks(repetitions);
+    MinimumTimeReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+
+    const QString table = printTable(reporter);
+    const QString goals = printGoals(reporter);
+    std::printf("CPU time per update stage, fastest of %d repetitions\n", repetitions);
+    std::fputs(qPrintable(table), stdout);
+    std::fputs("\n", stdout);
+    std::fputs(qPrintable(goals), stdout);
+    releaseBenchCases();
+    benchmark::Shutdown();
+    return 0;
+}

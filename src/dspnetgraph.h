@@ -1,0 +1,238 @@
+#ifndef DSPNETGRAPH_H
+#define DSPNETGRAPH_H
+
+#include "dspnettree.h"
+
+#include <QColor>
+#include <QFont>
+#include <QHash>
+#include <QImage>
+#include <QLine>
+#include <QList>
+#include <QPen>
+#include <QPoint>
+#include <QRectF>
+#include <QSet>
+#include <QString>
+#include <QVector>
+#include <QWidget>
+
+class QMouseEvent;
+class QPaintEvent;
+class QPainter;
+class QTimer;
+
+// One placed unit, copied out of the model so that painting never touches it.
+struct DSPNetGraphicalNode
+{
+    QString name;
+    QPoint position;
+    unsigned long long id = 0;
+    unsigned long long groupId = 0;
+    unsigned long long sendTargetId = 0;
+    bool active = false;
+    bool bypass = false;
+    float inclusiveCPU = 0.0f;
+    float exclusiveCPU = 0.0f;
+    QList<float> levels;
+};
+
+// One channel-group box.
+struct DSPGroupGraphicalNode
+{
+    QRectF rect;
+    unsigned long long id = 0;
+    unsigned long long parentId = 0;
+    QString name;
+    QString guidString;
+    int level = 0;
+};
+
+int findOwnIndex(QVector<DSPGroupGraphicalNode>& groups, unsigned long long id);
+
+// Lays the DSP network out as a tree from left to right, draws it on node
+// faceplates and lets the user select units and send them commands.
+class DSPNetGraph : public QWidget
+{
+    Q_OBJECT
+
+public:
+    static constexpr unsigned long long NoSelection = ~0ULL;
+
+    explicit DSPNetGraph(DSPTree* tree, QWidget* parent = nullptr,
+                         Qt::WindowFlags flags = Qt::WindowFlags());
+    ~DSPNetGraph() override;
+
+    void processNodes(const DSPNode::InputRecord& record, QPoint parentPosition,
+                      unsigned int index, unsigned int count);
+    void processSends();
+    void processGroups(const GroupNode* const* groups, int count);
+    void updateGraphicSize();
+    void updateWidgetSize(bool force);
+    void renderTree(QPainter* painter, bool forImage);
+    void saveTree(QString fileName);
+    void refresh();
+
+    bool getShowExcessiveInputs() const { return showExcessiveInputs; }
+    void setShowExcessiveInputs(bool show);
+    bool getShowInactiveInputs() const { return showInactiveInputs; }
+    void setShowInactiveInputs(bool show);
+    bool getShowCPUUsage() const { return showCPUUsage; }
+    void setShowCPUUsage(bool show);
+    bool getShowVolumeLevels() const { return showVolumeLevels; }
+    void setShowVolumeLevels(bool show);
+    bool getShowGroups() const { return showGroups; }
+    void setShowGroups(bool show);
+    bool getShowGuids() const { return showGuids; }
+    void setShowGuids(bool show);
+    bool getShowSends() const { return showSends; }
+    void setShowSends(bool show);
+    bool getShowLegend() const { return showLegend; }
+    void setShowLegend(bool show);
+    bool getInclusiveCPUUsage() const { return inclusiveCPUUsage; }
+    void setInclusiveCPUUsage(bool inclusive);
+    float getMinCPUUsage() const { return minCPUUsage; }
+    void setMinCPUUsage(float usage);
+    float getMaxCPUUsage() const { return maxCPUUsage; }
+    void setMaxCPUUsage(float usage);
+    QString getHighlightName() const { return highlightName; }
+    void setHighlightName(QString name);
+    float getScale() const { return scale; }
+    void setScale(float newScale);
+
+    bool getSelectedNodeRect(QRectF& rect) const;
+    void updateSelectedNode();
+
+    // The layout, rebuilt by slotProcessTree() and only read in between.
+    QList<DSPNetGraphicalNode> nodeList;
+    QList<QLine> standardLines;
+    QList<QLine> sendLines;
+    QList<QLine> sidechainLines;
+    QList<QLine> sendSidechainLines;
+    QList<QPoint> ellipsisPoints;
+    QVector<DSPGroupGraphicalNode> groupList;
+    QHash<int, QPoint> placedTable;
+    int rowCounter = 0;
+    int maxX = 0;
+    int maxY = 0;
+    int widgetWidth = 0;
+    int widgetHeight = 0;
+
+    unsigned long long selectedId = NoSelection;
+    unsigned long long selectedGroupId = NoSelection;
+    QPoint selectedPosition;
+    const DSPNode* selectedFound = nullptr;
+    QPoint selectedNewPosition;
+
+signals:
+    void selectedNodePositionChanged(const QPoint& position, const QPoint& previousPosition);
+
+public slots:
+    void slotProcessTree();
+    void slotDSPEnable();
+    void slotDSPDisable();
+    void slotDSPBypass();
+    void slotDSPUnbypass();
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+    void mousePressEvent(QMouseEvent* event) override;
+    void mouseReleaseEvent(QMouseEvent* event) override;
+    void mouseMoveEvent(QMouseEvent* event) override;
+
+private:
+    struct LayoutFrame;
+
+    // Layout (dspnetgraph.cpp).
+    void resetLayout();
+    bool enterNode(QVector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
+                   QPoint parentPosition, unsigned int index, unsigned int count);
+    void visitNextInput(QVector<LayoutFrame>& stack);
+    void finishNode(const DSPNode::InputRecord& record, QPoint position, QPoint parentPosition,
+                    unsigned int index, unsigned int count, bool placedHere);
+    void placeNode(const DSPNode* node, QPoint position);
+    void addToGroupBox(unsigned long long groupId, const QRect& extent);
+    QVector<DSPNode::InputRecord> drawnInputs(const DSPNode* node, bool* allInputsNew,
+                                              int* shownCount);
+    void hideExcessiveInputs(QVector<DSPNode::InputRecord>* inputs);
+    void hideSubtree(const DSPNode* node);
+    void addConnection(const DSPNode::InputRecord& record, const QLine& line);
+    void nameGroupBoxes(const GroupNode* const* groups, int count, QVector<bool>* done);
+    void addParentGroupBoxes(const GroupNode* const* groups, int count, QVector<bool>* done);
+    void clearSelection();
+    int nodeIndexAt(const QPoint& point) const;
+    void runNodeMenu(const DSPNetGraphicalNode& node, const QPoint& screenPosition);
+
+    // Painting (dspnetgraphrender.cpp).
+    void createDrawingResources();
+    void drawSendLines(QPainter* painter, const QRectF& visible);
+    void drawNodes(QPainter* painter, const QRectF& visible);
+    void drawNode(QPainter* painter, const DSPNetGraphicalNode& node);
+    void drawLevelMeters(QPainter* painter, const DSPNetGraphicalNode& node, float x0, float y0);
+    void drawGroupBoxes(QPainter* painter, bool forImage);
+    void drawGroupBox(QPainter* painter, const DSPGroupGraphicalNode& group, bool forImage);
+    void drawNodeTexts(QPainter* painter, const QRectF& visible);
+    void drawMarkers(QPainter* painter);
+    void drawConnections(QPainter* painter, const QRectF& visible);
+    void drawLegend(QPainter* painter);
+    QRectF nodeBounds(const DSPNetGraphicalNode& node) const;
+    bool matchesHighlight(const DSPNetGraphicalNode& node) const;
+    QColor fillColour(const DSPNetGraphicalNode& node) const;
+    QColor cpuColour(const DSPNetGraphicalNode& node) const;
+    float nodeCPU(const DSPNetGraphicalNode& node) const;
+    bool isSelected(const DSPNetGraphicalNode& node) const;
+
+    DSPTree* tree;
+    QTimer* refreshTimer;
+    float scale = 1.0f;
+    QString highlightName;
+    bool mousePressed = false;
+    bool showInactiveInputs = false;
+    bool showExcessiveInputs = false;
+    bool showCPUUsage = false;
+    bool showVolumeLevels = false;
+    bool showGroups = false;
+    bool showGuids = false;
+    bool showSends = false;
+    bool showLegend = false;
+    bool inclusiveCPUUsage = false;
+    float minCPUUsage = 0.0f;
+    float maxCPUUsage = 100.0f;
+    unsigned long long menuTargetId = 0;
+
+    // Where each group id first appears in groupList, kept beside it so that
+    // a network with many groups lays out in linear time.
+    QHash<unsigned long long, int> groupIndexById;
+    // Units already marked as hidden in this pass; a unit is marked once
+    // however many paths lead to it, and a cycle cannot loop.
+    QSet<const DSPNode*> hiddenVisited;
+    // Passes without a head unit append the old send lines again; counted so
+    // that a target repeating such packets cannot grow the list forever.
+    int staleSendPasses = 0;
+
+    QPen textPen;
+    QPen greyPen;
+    QPen textShadowPen;
+    QPen standardPen;
+    QPen sendPen;
+    QPen sidechainPen;
+    QPen sendSidechainPen;
+    QPen ellipsisPen;
+    QPen groupPen;
+    QPen nestedGroupPen;
+    QPen groupTextPen;
+    QPen nestedGroupTextPen;
+    QColor activeColour;
+    QColor defaultColour;
+    QColor bypassColour;
+    QColor highlightColour;
+    QColor meterBackgroundColour;
+    QColor meterColour;
+    QColor meterClipColour;
+    QFont nodeFont;
+    QFont markerFont;
+    QImage faceplateImage;
+    QImage faceplateHighlightImage;
+};
+
+#endif // DSPNETGRAPH_H
