@@ -6,8 +6,10 @@
 
 // The wire records shared by the profiler and anything that talks to it.
 // Every field is little-endian and packed: the records are written to the
-// socket exactly as they lie in memory, so the QLEInteger field types keep
-// the byte order right whatever the host.
+// socket exactly as they lie in memory, which is the wire image on the
+// little-endian hosts we build for. Fields are plain integers so that the
+// compiler, not a member function on a misaligned object, does the
+// unaligned access.
 namespace TARN
 {
 
@@ -43,8 +45,8 @@ enum : int
 
 struct ProfilePacketHeader
 {
-    quint32_le size;
-    quint32_le reserved;
+    quint32 size;
+    quint32 reserved;
     quint8 type;
     quint8 subtype;
     quint8 version;
@@ -56,7 +58,7 @@ struct ProfilePacketDataRequest
     ProfilePacketHeader header;
     quint8 requestedType;
     quint8 requestedSubtype;
-    quint32_le updateInterval;
+    quint32 updateInterval;
 };
 
 // Text commands carry a NUL-terminated UTF-8 string in a fixed field.
@@ -70,12 +72,13 @@ struct ProfilePacketCommandString
 struct ProfilePacketCommandUnitState
 {
     ProfilePacketHeader header;
-    quint64_le id;
+    quint64 id;
     quint8 state;
 };
 
 #pragma pack(pop)
 
+static_assert(Q_BYTE_ORDER == Q_LITTLE_ENDIAN, "packed wire records are written as they lie in memory");
 static_assert(sizeof(ProfilePacketHeader) == 12, "the packet header is 12 bytes on the wire");
 static_assert(sizeof(ProfilePacketDataRequest) == 18, "a data request is 18 bytes on the wire");
 static_assert(sizeof(ProfilePacketCommandString) == 140, "a text command is 140 bytes on the wire");

@@ -30,10 +30,13 @@ const QString SocketError = QStringLiteral("A socket error has occurred... Disco
 const QString TargetClosed = QStringLiteral("Target closed... Attempting reconnection.");
 const QString MalformedDSP = QStringLiteral("Connected. (Malformed DSP data dropped)");
 
+// AddressSanitizer slows everything down and keeps freed memory in
+// quarantine, so under it only crashes and leaks are checked, not time or
+// resident memory.
 #if defined(__SANITIZE_ADDRESS__)
-const int SlowdownFactor = 8;
+const bool MeasuringIsMeaningful = false;
 #else
-const int SlowdownFactor = 1;
+const bool MeasuringIsMeaningful = true;
 #endif
 
 // One version-6 unit record.
@@ -354,10 +357,16 @@ void TestHostileTarget::profilerSurvives()
         QTest::qWait(300);
     }
 
-    QVERIFY2(stalls.longestStallMs() < 200 * SlowdownFactor,
-             qPrintable(QStringLiteral("event loop stalled for %1 ms").arg(stalls.longestStallMs())));
     const qint64 growthKiB = residentKiB() - memoryBefore;
-    QVERIFY2(growthKiB < 96 * 1024, qPrintable(QStringLiteral("memory grew by %1 KiB").arg(growthKiB)));
+    qInfo("longest stall %lld ms, memory growth %lld KiB", stalls.longestStallMs(), growthKiB);
+    if (MeasuringIsMeaningful) {
+        QVERIFY2(stalls.longestStallMs() < 200,
+                 qPrintable(QStringLiteral("event loop stalled for %1 ms").arg(stalls.longestStallMs())));
+        // A big network that is valid is shown, and takes memory in
+        // proportion to its packet; nothing else may make memory grow.
+        const qint64 boundKiB = 32 * 1024 + 8 * bytes.size() / 1024;
+        QVERIFY2(growthKiB < boundKiB, qPrintable(QStringLiteral("memory grew by %1 KiB").arg(growthKiB)));
+    }
     QVERIFY(profiler.network.getNumWaitingPackets(8, 0) <= ProfilerNetwork::MaxWaitingPackets);
 
     // What was shown stays shown unless a good packet replaced it.
@@ -407,7 +416,8 @@ void TestHostileTarget::connectCloseCyclesLeakNothing()
     QTest::qWait(50);
     QCOMPARE(openFileDescriptors(), descriptorsBefore);
     const qint64 growthKiB = residentKiB() - memoryBefore;
-    QVERIFY2(growthKiB < 4 * 1024, qPrintable(QStringLiteral("memory grew by %1 KiB").arg(growthKiB)));
+    if (MeasuringIsMeaningful)
+        QVERIFY2(growthKiB < 4 * 1024, qPrintable(QStringLiteral("memory grew by %1 KiB").arg(growthKiB)));
 }
 
 QTEST_MAIN(TestHostileTarget)
