@@ -1,5 +1,6 @@
 #include "dspnettree.h"
 
+#include "dspdepths.h"
 #include "packetreader.h"
 #include "profilepacket.h"
 #include "profilernetwork.h"
@@ -245,173 +246,6 @@ bool decodeRecord(const char** cursor, const char* end, int version, DSPNode* no
     return true;
 }
 
-// The units reachable from a start unit, numbered in depth-first discovery
-// order (the start is 0), with each input edge resolved to a unit number.
-// Back edges are the edges into a unit still on the search path: removing
-// them leaves an acyclic graph, of which the reversed post-order is a
-// topological order.
-struct DepthGraph
-{
-    QVector<DSPNode*> units;
-    QVector<int> firstEdge;
-    QVector<int> edgeTarget;
-    QVector<bool> backEdge;
-    QVector<int> postOrder;
-    bool hasCycle = false;
-};
-
-DepthGraph exploreDepthGraph(DSPNode* start, int sizeHint)
-{
-    struct Frame
-    {
-        int unit;
-        int next;
-    };
-    DepthGraph graph;
-    QHash<DSPNode*, int> numbers;
-    numbers.reserve(sizeHint);
-    QVector<bool> onStack;
-    QVector<Frame> stack;
-    const auto discover = [&](DSPNode* node) {
-        const int unit = graph.units.size();
-        numbers.insert(node, unit);
-        graph.units.append(node);
-        graph.firstEdge.append(graph.edgeTarget.size());
-        graph.edgeTarget.resize(graph.edgeTarget.size() + node->inputs.size());
-        graph.backEdge.resize(graph.edgeTarget.size());
-        onStack.append(true);
-        stack.append({ unit, 0 });
-        return unit;
-    };
-
-    discover(start);
-    while (!stack.isEmpty()) {
-        const int unit = stack.last().unit;
-        const int input = stack.last().next;
-        const DSPNode* node = graph.units.at(unit);
-        if (input == node->inputs.size()) {
-            onStack[unit] = false;
-            graph.postOrder.append(unit);
-            stack.removeLast();
-            continue;
-        }
-        ++stack.last().next;
-        const int edge = graph.firstEdge.at(unit) + input;
-        DSPNode* child = node->inputs.at(input).node;
-        const auto found = numbers.constFind(child);
-        if (found == numbers.constEnd()) {
-            const int target = discover(child);
-            graph.edgeTarget[edge] = target;
-            continue;
-        }
-        graph.edgeTarget[edge] = found.value();
-        if (onStack.at(found.value())) {
-            graph.backEdge[edge] = true;
-            graph.hasCycle = true;
-        }
-    }
-    return graph;
-}
-
-// Longest paths from the start in topological order, back edges left out.
-// On an acyclic graph this is exactly what the recursive walk produces,
-// including its rule that a unit is only renumbered when the new path is
-// not shorter, and it leaves onPath as the walk would.
-void relaxDepths(QHash<DSPNode*, bool>* onPath, const DepthGraph& graph)
-{
-    const int count = graph.units.size();
-    QVector<bool> reached(count, false);
-    QVector<bool> blocked(count, false);
-    for (int unit = 1; unit < count; ++unit)
-        blocked[unit] = onPath->value(graph.units.at(unit));
-    reached[0] = true;
-
-    for (int order = count - 1; order >= 0; --order) {
-        const int unit = graph.postOrder.at(order);
-        if (!reached.at(unit))
-            continue;
-        const DSPNode* node = graph.units.at(unit);
-        for (int input = 0; input < node->inputs.size(); ++input) {
-            const int edge = graph.firstEdge.at(unit) + input;
-            const int target = graph.edgeTarget.at(edge);
-            DSPNode* child = graph.units.at(target);
-            if (graph.backEdge.at(edge) || blocked.at(target) || node->depth < child->depth)
-                continue;
-            child->depth = node->depth + 1;
-            reached[target] = true;
-        }
-    }
-
-    for (int unit = 0; unit < count; ++unit) {
-        if (reached.at(unit))
-            onPath->insert(graph.units.at(unit), false);
-    }
-}
-
-// The depth walk itself, on the numbered graph and with an explicit stack so
-// that long chains cannot exhaust the call stack. It leaves onPath alone
-// until it has finished, and gives up after `budget` edge visits.
-bool walkDepths(QHash<DSPNode*, bool>* onPath, const DepthGraph& graph, qint64 budget)
-{
-    struct Frame
-    {
-        int unit;
-        int next;
-    };
-    const int count = graph.units.size();
-    QVector<bool> marked(count, false);
-    for (int unit = 0; unit < count; ++unit)
-        marked[unit] = onPath->value(graph.units.at(unit));
-    QVector<bool> visited(count, false);
-    QVector<Frame> stack;
-    marked[0] = true;
-    visited[0] = true;
-    stack.append({ 0, 0 });
-    qint64 steps = 0;
-    while (!stack.isEmpty()) {
-        const int unit = stack.last().unit;
-        const int input = stack.last().next;
-        const DSPNode* node = graph.units.at(unit);
-        if (input == node->inputs.size()) {
-            marked[unit] = false;
-            stack.removeLast();
-            continue;
-        }
-        ++stack.last().next;
-        if (++steps > budget)
-            return false;
-        const int target = graph.edgeTarget.at(graph.firstEdge.at(unit) + input);
-        DSPNode* child = graph.units.at(target);
-        if (node->depth < child->depth || marked.at(target))
-            continue;
-        child->depth = node->depth + 1;
-        marked[target] = true;
-        visited[target] = true;
-        stack.append({ target, 0 });
-    }
-
-    for (int unit = 0; unit < count; ++unit) {
-        if (visited.at(unit))
-            onPath->insert(graph.units.at(unit), false);
-    }
-    return true;
-}
-
-QVector<int> depthsOf(const DepthGraph& graph)
-{
-    QVector<int> depths;
-    depths.reserve(graph.units.size());
-    for (const DSPNode* node : graph.units)
-        depths.append(node->depth);
-    return depths;
-}
-
-void restoreDepths(const DepthGraph& graph, const QVector<int>& depths)
-{
-    for (int unit = 0; unit < graph.units.size(); ++unit)
-        graph.units.at(unit)->depth = depths.at(unit);
-}
-
 QUuid readGuid(PacketReader& in)
 {
     const quint32 data1 = in.u32();
@@ -625,23 +459,7 @@ void DSPTree::createDSPUsage()
 
 void DSPTree::createDSPDepthRecurse(QHash<DSPNode*, bool>* onPath, DSPNode* node)
 {
-    const DepthGraph graph = exploreDepthGraph(node, nodesById.size() + 1);
-    if (!graph.hasCycle) {
-        relaxDepths(onPath, graph);
-        return;
-    }
-
-    // With a cycle the walk's result depends on the order it meets the
-    // units, so it is run as it is. It renumbers a unit each time a longer
-    // path reaches it, up to the unit count times, which on a large network
-    // is a hang. Past the budget the back edges are cut instead and the
-    // longest paths taken.
-    const qint64 budget = 1000000 + 16 * qint64(graph.edgeTarget.size());
-    const QVector<int> depths = depthsOf(graph);
-    if (walkDepths(onPath, graph, budget))
-        return;
-    restoreDepths(graph, depths);
-    relaxDepths(onPath, graph);
+    assignDSPDepths(onPath, node, nodesById.size() + 1);
 }
 
 bool DSPTree::readGroupData()

@@ -37,6 +37,7 @@ private slots:
     void dataRequestBytes();
     void framing();
     void headerSplitAcrossReads();
+    void largePacketInPieces();
     void pausedBatchesAreThrownAway();
     void packetsAreTakenByTypeOldestFirst();
     void waitingPacketsAreBounded();
@@ -112,6 +113,33 @@ void TestProfilerNetwork::headerSplitAcrossReads()
     target.send(packet.mid(7));
     QVERIFY(QTest::qWaitFor([&] { return network.getNumWaitingPackets(3, 0) == 1; }, 5000));
     QCOMPARE(network.getPacket(3, 0), packet);
+}
+
+void TestProfilerNetwork::largePacketInPieces()
+{
+    ProfilerNetwork network;
+    LoopbackTarget target;
+    QVERIFY(connectTo(network, target));
+    QSignalSpy ready(&network, &ProfilerNetwork::packetReady);
+
+    // Bigger than one pass of the receive loop, sent in uneven pieces with
+    // a small packet right behind it.
+    QByteArray payload(3 * 1024 * 1024 + 17, '\0');
+    for (int i = 0; i < payload.size(); ++i)
+        payload[i] = char(i * 7);
+    const QByteArray large = PacketBuilder(1, 0, 6).raw(payload).finish();
+    const QByteArray stream = large + cpuPacket(9.0f);
+    const int cuts[] = { 5, 12, 70000, 1048576, 2500000, stream.size() - 3, stream.size() };
+    int sent = 0;
+    for (int cut : cuts) {
+        target.send(stream.mid(sent, cut - sent));
+        sent = cut;
+        QTest::qWait(20);
+    }
+    QVERIFY(QTest::qWaitFor([&] { return network.getNumWaitingPackets(3, 0) == 1; }, 5000));
+    QVERIFY(network.isConnected());
+    QCOMPARE(network.getPacket(1, 0), large);
+    QCOMPARE(network.getPacket(3, 0), cpuPacket(9.0f));
 }
 
 void TestProfilerNetwork::pausedBatchesAreThrownAway()
