@@ -67,6 +67,8 @@ NetworkCase::NetworkCase(DSPShapes::DSPShape shape, int units)
     const SimNetwork simulated = DSPShapes::makeNetwork(shape, units);
     dspPacket = PacketEncoder::encodeDSP(simulated, PacketEncoder::NewestDSPVersion);
     copyBuffer.resize(dspPacket.size());
+    for (int offset = 0; offset < dspPacket.size(); offset += int(ProfilerNetwork::MaxReadPerPass))
+        dspPacketReads.append(dspPacket.mid(offset, int(ProfilerNetwork::MaxReadPerPass)));
 
     framingNetwork.reset(new ProfilerNetwork);
     // Takes the DSP packets the way the model does, newest kept, and drops

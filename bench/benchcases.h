@@ -8,6 +8,7 @@
 #include <QRect>
 #include <QSize>
 #include <QString>
+#include <QVector>
 
 #include <memory>
 
@@ -48,6 +49,8 @@ struct NetworkCase
     ~NetworkCase();
 
     QByteArray dspPacket;
+    // The packet as the socket hands it over: at most one read pass each.
+    QVector<QByteArray> dspPacketReads;
     QByteArray copyBuffer;
 
     // Frames and queues as the application does; a drain stands in for the

@@ -216,6 +216,14 @@ bool ProfilerNetwork::frameReceivedBytes(const QByteArray& bytes)
         received.clear();
     else
         received.remove(0, offset);
+    // A large packet comes in many reads; room for all of it now saves
+    // copying it again each time the buffer would have grown. The size was
+    // checked against the bound above, and untouched pages cost no memory.
+    if (received.size() >= TARN::ProfilePacketHeaderSize) {
+        const int size = int(qFromLittleEndian<quint32>(received.constData()));
+        if (size > received.capacity())
+            received.reserve(size);
+    }
     return true;
 }
 

@@ -315,6 +315,8 @@ private slots:
     void figurePackets();
     void networkFeatures_data();
     void networkFeatures();
+    void mixReadsAsATree_data();
+    void mixReadsAsATree();
     void simulationMovesDeterministically();
     void shapes_data();
     void shapes();
@@ -539,6 +541,7 @@ void TestDemoTarget::networkFeatures()
     QVERIFY(deepestGroup >= 3 && deepestGroup <= 4);
 
     QHash<int, int> consumers;
+    QHash<int, int> plainConsumers; // through inputs that are neither sends nor sidechains
     int inactive = 0, bypassed = 0, sidechains = 0, channels = 0, sendsToReturns = 0;
     for (int index : reachable) {
         const SimUnit& unit = network.units[index];
@@ -550,6 +553,7 @@ void TestDemoTarget::networkFeatures()
         channels += unit.name.startsWith("Channel ") ? 1 : 0;
         for (const SimInput& input : unit.inputs) {
             ++consumers[input.unit];
+            plainConsumers[input.unit] += input.send || input.sidechain ? 0 : 1;
             sidechains += input.sidechain && unit.name == "Compressor" ? 1 : 0;
             const SimUnit& source = network.units[input.unit];
             if (input.send && source.sendTargetId == unit.id && unit.name.contains("Return"))
@@ -565,6 +569,10 @@ void TestDemoTarget::networkFeatures()
     for (int count : qAsConst(consumers))
         feedsTwo += count >= 2 ? 1 : 0;
     QVERIFY(feedsTwo > sendsToReturns); // sidechain sources also feed two consumers
+    int sharedPlainly = 0;
+    for (int count : qAsConst(plainConsumers))
+        sharedPlainly += count >= 2 ? 1 : 0;
+    QVERIFY(sharedPlainly > 0);
 
     // Version 6 shares come out as a few percent per unit at most, and the
     // older layouts' whole-network figure is what the head's share adds up to.
@@ -594,6 +602,153 @@ QSet<quint64> playingChannels(const SimNetwork& network)
 }
 
 } // namespace
+
+namespace
+{
+
+// Where the profiler puts each unit, with every input shown: a unit is placed
+// at its first visit, walking inputs in order; its first new input shares its
+// row and each further new input opens a new one. Column is the longest path
+// from the head.
+struct MixPicture
+{
+    QVector<int> depth;
+    QVector<int> row;
+    QVector<int> branch; // which of the head's inputs the unit was placed under
+    QVector<int> placedBy; // consumer whose input placed the unit
+    QVector<SimInput> placedThrough;
+};
+
+void placeUnit(const SimNetwork& network, int unit, int branch, int* rowCounter, MixPicture* picture)
+{
+    picture->row[unit] = *rowCounter;
+    picture->branch[unit] = branch;
+    bool first = true;
+    const QVector<SimInput>& inputs = network.units[unit].inputs;
+    for (int i = 0; i < inputs.size(); ++i) {
+        const int input = inputs[i].unit;
+        if (picture->row[input] >= 0)
+            continue;
+        if (!first)
+            ++*rowCounter;
+        first = false;
+        picture->placedBy[input] = unit;
+        picture->placedThrough[input] = inputs[i];
+        placeUnit(network, input, unit == network.head ? i : branch, rowCounter, picture);
+    }
+}
+
+MixPicture drawMix(const SimNetwork& network)
+{
+    const int count = network.units.size();
+    MixPicture picture;
+    picture.depth.fill(-1, count);
+    picture.row.fill(-1, count);
+    picture.branch.fill(-1, count);
+    picture.placedBy.fill(-1, count);
+    picture.placedThrough.resize(count);
+
+    // Longest paths: a unit is finished once every consumer above it is.
+    const QVector<int> reachable = reachableUnits(network);
+    QVector<int> waiting(count, 0);
+    for (int unit : reachable) {
+        for (const SimInput& input : network.units[unit].inputs)
+            ++waiting[input.unit];
+    }
+    QVector<int> ready{network.head};
+    picture.depth[network.head] = 0;
+    while (!ready.isEmpty()) {
+        const int unit = ready.takeLast();
+        for (const SimInput& input : network.units[unit].inputs) {
+            picture.depth[input.unit] = qMax(picture.depth[input.unit], picture.depth[unit] + 1);
+            if (--waiting[input.unit] == 0)
+                ready.append(input.unit);
+        }
+    }
+
+    int rowCounter = 0;
+    placeUnit(network, network.head, -1, &rowCounter, &picture);
+    return picture;
+}
+
+} // namespace
+
+void TestDemoTarget::mixReadsAsATree_data()
+{
+    QTest::addColumn<int>("units");
+    QTest::addColumn<quint64>("seed");
+    QTest::addColumn<bool>("everyChannel");
+    QTest::newRow("default, as first shown") << 60 << quint64(5) << false;
+    QTest::newRow("default, seed 1") << 60 << quint64(1) << false;
+    QTest::newRow("default, every channel") << 60 << quint64(5) << true;
+    QTest::newRow("too small for a group") << 12 << quint64(1) << true;
+    QTest::newRow("200 units") << 200 << quint64(5) << false;
+    QTest::newRow("1000 units") << 1000 << quint64(3) << true;
+    QTest::newRow("load test") << 100000 << quint64(2) << true;
+}
+
+// Connections the profiler has to draw across the picture are what made the
+// old network unreadable, so every kind is held to a short line here.
+void TestDemoTarget::mixReadsAsATree()
+{
+    QFETCH(int, units);
+    QFETCH(quint64, seed);
+    QFETCH(bool, everyChannel);
+    SimEngine engine(seed, units);
+    if (everyChannel)
+        engine.playAllChannels();
+    for (int i = 0; i < 40; ++i)
+        engine.step();
+    const SimNetwork& network = engine.getNetwork();
+    const MixPicture picture = drawMix(network);
+    QHash<quint64, quint64> parentOf;
+    for (const SimGroup& group : network.groups)
+        parentOf.insert(group.id, group.parentId);
+
+    int deepest = 0;
+    for (int consumer : reachableUnits(network)) {
+        const SimUnit& unit = network.units[consumer];
+        for (const SimInput& input : unit.inputs) {
+            const int source = input.unit;
+            const SimUnit& from = network.units[source];
+            const QByteArray what = unit.name + " <- " + from.name;
+            // One column per connection: a unit shared by consumers at
+            // different depths would be pushed right of the nearer one.
+            QVERIFY2(picture.depth[source] == picture.depth[consumer] + 1, what);
+            deepest = qMax(deepest, picture.depth[source]);
+
+            if (picture.placedBy[source] == consumer && picture.placedThrough[source].send == input.send
+                && picture.placedThrough[source].sidechain == input.sidechain) {
+                // A send or a key visited first would drag its whole subtree
+                // under the return or the compressor.
+                QVERIFY2(!input.send && !input.sidechain, what);
+                // Group boxes stay nested along the tree.
+                const bool sameGroup = from.groupId == unit.groupId;
+                const bool childGroup = from.groupId != 0 && parentOf.value(from.groupId) == unit.groupId;
+                const bool returnUnderHead = from.groupId == 0 && consumer == network.head;
+                QVERIFY2(sameGroup || childGroup || returnUnderHead, what);
+                continue;
+            }
+            // A connection to a unit placed elsewhere stays with a neighbour.
+            QVERIFY2(consumer != network.head, what);
+            QVERIFY2(qAbs(picture.branch[consumer] - picture.branch[source]) <= 1, what);
+            if (!input.send && !input.sidechain)
+                QVERIFY2(qAbs(picture.row[consumer] - picture.row[source]) <= 1, what);
+        }
+    }
+    // Buses three deep with short chains, then the channels.
+    QVERIFY2(deepest <= 9, qPrintable(QString::number(deepest)));
+
+    const QVector<SimInput>& mix = network.units[network.head].inputs;
+    for (const SimInput& input : mix) {
+        const QByteArray& name = network.units[input.unit].name;
+        QVERIFY2(name.endsWith(" Bus") || name.contains("Return"), name);
+    }
+    if (units == 60) {
+        QVERIFY(mix.size() >= 4 && mix.size() <= 6);
+        QVERIFY(deepest >= 5); // buses do nest
+    }
+}
 
 void TestDemoTarget::simulationMovesDeterministically()
 {

@@ -1,11 +1,6 @@
 // The profiler's network link and collectors against the simulated target,
 // in-process over loopback, exactly as the main form drives them.
-#include "channelhistory.h"
-#include "codechistory.h"
-#include "cpuhistory.h"
-#include "dspnettree.h"
-#include "profilernetwork.h"
-#include "statshistory.h"
+#include "profilerchain.h"
 #include "targetserver.h"
 
 #include <QSignalSpy>
@@ -16,17 +11,8 @@ namespace
 
 const QString OldVersion = QStringLiteral("Connected. (Old version detected, reduced functionality)");
 
-struct Profiler
+struct Profiler : ProfilerChain
 {
-    Profiler()
-        : dspTree(&network)
-        , cpuHistory(&network)
-        , channelHistory(&network)
-        , codecHistory(&network)
-        , statsHistory(&network)
-    {
-    }
-
     bool connectTo(quint16 port)
     {
         network.connectToHost(QStringLiteral("127.0.0.1"), port);
@@ -45,13 +31,6 @@ struct Profiler
             && channelHistory.getHistoryList()->size() >= 2 && codecHistory.getHistoryList()->size() >= 2
             && statsHistory.history->size() >= 2;
     }
-
-    ProfilerNetwork network;
-    DSPTree dspTree;
-    CPUHistory cpuHistory;
-    ChannelHistory channelHistory;
-    CodecHistory codecHistory;
-    StatsHistory statsHistory;
 };
 
 } // namespace

@@ -3,15 +3,10 @@
 // DSP network view inside a scroll area. Whatever the target sends, the
 // profiler must keep turning its event loop, keep its memory bounded, say
 // what happened, keep what it showed and decode the next good packet.
-#include "channelhistory.h"
-#include "codechistory.h"
-#include "cpuhistory.h"
 #include "dspnetgraph.h"
-#include "dspnettree.h"
 #include "loopbacktarget.h"
 #include "packetbuilder.h"
-#include "profilernetwork.h"
-#include "statshistory.h"
+#include "profilerchain.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -39,41 +34,20 @@ const bool MeasuringIsMeaningful = false;
 const bool MeasuringIsMeaningful = true;
 #endif
 
-// One version-6 unit record.
-struct Unit
+DSPUnitV6 unit(quint64 id, quint16 children, const QByteArray& name, quint8 levelCount = 0)
 {
-    quint64 id;
-    quint16 children = 0;
-    QByteArray name = "unit";
-    quint8 levelCount = 0;
-};
-
-void appendUnit(PacketBuilder& packet, const Unit& unit)
-{
-    packet.u64(unit.id).u64(0).u64(0).u16(unit.children).u16(10).u8(0x01).u8(unit.levelCount);
-    for (int slot = 0; slot < 32; ++slot)
-        packet.u8(quint8(-slot));
-    packet.raw(unit.name.leftJustified(32, '\0', true));
-}
-
-QByteArray dspPacket(const QVector<Unit>& units)
-{
-    PacketBuilder packet(1, 0, 6);
-    packet.i32(48000).i32(1024);
-    for (const Unit& unit : units)
-        appendUnit(packet, unit);
-    return packet.finish();
+    return { id, children, 10, 0x01, name, levelCount };
 }
 
 // The good networks sent before and after every hostile episode.
 QByteArray shownNetwork()
 {
-    return dspPacket({ { 1, 2, "Master" }, { 2, 0, "Music" }, { 3, 0, "Voice" } });
+    return dspPacketV6({ unit(1, 2, "Master"), unit(2, 0, "Music"), unit(3, 0, "Voice") });
 }
 
 QByteArray nextNetwork()
 {
-    return dspPacket({ { 10, 3, "Master" }, { 11, 0, "Reverb" }, { 12, 0, "Lowpass" }, { 13, 0, "Channel 1" } });
+    return dspPacketV6({ unit(10, 3, "Master"), unit(11, 0, "Reverb"), unit(12, 0, "Lowpass"), unit(13, 0, "Channel 1") });
 }
 
 QByteArray cpuPacket(float dsp)
@@ -83,11 +57,11 @@ QByteArray cpuPacket(float dsp)
 
 QByteArray chain(int units)
 {
-    QVector<Unit> records;
+    QVector<DSPUnitV6> records;
     records.reserve(units);
     for (int i = 0; i < units; ++i)
-        records.append({ quint64(i + 1), quint16(i + 1 < units ? 1 : 0), "link" });
-    return dspPacket(records);
+        records.append(unit(quint64(i + 1), quint16(i + 1 < units ? 1 : 0), "link"));
+    return dspPacketV6(records);
 }
 
 // Every unit below the head feeds both units of the rung above it; a
@@ -96,16 +70,16 @@ QByteArray diamondLadder(int rungs)
 {
     auto a = [](int rung) { return quint64(2 * rung); };
     auto b = [](int rung) { return quint64(2 * rung + 1); };
-    QVector<Unit> records { { 1, 2, "Head" } };
+    QVector<DSPUnitV6> records { unit(1, 2, "Head") };
     for (int rung = 1; rung <= rungs; ++rung)
-        records.append({ a(rung), quint16(rung < rungs ? 2 : 0), "A" });
-    records.append({ b(rungs), 0, "B" });
+        records.append(unit(a(rung), quint16(rung < rungs ? 2 : 0), "A"));
+    records.append(unit(b(rungs), 0, "B"));
     for (int rung = rungs - 1; rung >= 1; --rung) {
-        records.append({ b(rung), 2, "B" });
-        records.append({ a(rung + 1), 0, "A" });
-        records.append({ b(rung + 1), 0, "B" });
+        records.append(unit(b(rung), 2, "B"));
+        records.append(unit(a(rung + 1), 0, "A"));
+        records.append(unit(b(rung + 1), 0, "B"));
     }
-    return dspPacket(records);
+    return dspPacketV6(records);
 }
 
 QByteArray groupPacket(int payloadBytes)
@@ -156,16 +130,12 @@ private:
     qint64 longest = 0;
 };
 
-// The profiler's receive chain as the main form builds it.
-struct Profiler
+// The receive chain with the DSP network view in a scroll area, as the
+// main form shows it.
+struct Profiler : ProfilerChain
 {
     Profiler()
-        : dspTree(&network)
-        , cpuHistory(&network)
-        , channelHistory(&network)
-        , codecHistory(&network)
-        , statsHistory(&network)
-        , graph(new DSPNetGraph(&dspTree))
+        : graph(new DSPNetGraph(&dspTree))
     {
         view.setWidget(graph);
         view.resize(800, 400);
@@ -182,12 +152,6 @@ struct Profiler
         return names;
     }
 
-    ProfilerNetwork network;
-    DSPTree dspTree;
-    CPUHistory cpuHistory;
-    ChannelHistory channelHistory;
-    CodecHistory codecHistory;
-    StatsHistory statsHistory;
     QScrollArea view;
     DSPNetGraph* graph;
 };
@@ -294,21 +258,21 @@ void TestHostileTarget::profilerSurvives_data()
     QTest::newRow("header whose body never arrives") << Episode::Bytes << withSize(5000).left(12) << TargetClosed << kept;
 
     QTest::newRow("child counts past the end")
-        << Episode::Bytes << dspPacket({ { 1, 5, "Cut" }, { 2, 0, "Short" } }) << MalformedDSP << kept;
+        << Episode::Bytes << dspPacketV6({ unit(1, 5, "Cut"), unit(2, 0, "Short") }) << MalformedDSP << kept;
     QTest::newRow("child count 2^31 - 1")
-        << Episode::Bytes << dspPacket({ { 1, 0xFFFF, "Cut" } }) << MalformedDSP << kept;
+        << Episode::Bytes << dspPacketV6({ unit(1, 0xFFFF, "Cut") }) << MalformedDSP << kept;
     PacketBuilder hugeCount(1, 0, 5);
     hugeCount.f32(0.5f).u8(0).u64(7).u64(0).fixedString("Huge", 32).u32(0x7FFFFFFF).u8(1).u8(0).u16(0).u16(1)
         .u8(0).zeros(128).u64(0);
     QTest::newRow("32-bit child count 2^31 - 1") << Episode::Bytes << hugeCount.finish() << MalformedDSP << kept;
 
     QTest::newRow("level count 255")
-        << Episode::Bytes << dspPacket({ { 5, 0, "Loud", 255 } }) << QString() << QStringList { "Loud" };
+        << Episode::Bytes << dspPacketV6({ unit(5, 0, "Loud", 255) }) << QString() << QStringList { "Loud" };
     QTest::newRow("name without a terminator")
-        << Episode::Bytes << dspPacket({ { 5, 0, QByteArray(40, 'N') } }) << QString()
+        << Episode::Bytes << dspPacketV6({ unit(5, 0, QByteArray(40, 'N')) }) << QString()
         << QStringList { QString(32, 'N') };
     QTest::newRow("cyclic network")
-        << Episode::Bytes << dspPacket({ { 1, 1, "A" }, { 2, 1, "B" }, { 3, 1, "C" }, { 1, 0, "A" } }) << QString()
+        << Episode::Bytes << dspPacketV6({ unit(1, 1, "A"), unit(2, 1, "B"), unit(3, 1, "C"), unit(1, 0, "A") }) << QString()
         << QStringList { "A", "B", "C" };
     QTest::newRow("chain 100000 deep") << Episode::Bytes << chain(100000) << QString() << QStringList();
     QTest::newRow("diamond ladder 60 deep") << Episode::Bytes << diamondLadder(60) << QString() << QStringList();

@@ -92,6 +92,19 @@ QByteArray PacketBuilder::finishWithSize(quint32 size) const
     return packet;
 }
 
+QByteArray dspPacketV6(const QVector<DSPUnitV6>& units, qint32 rate, qint32 length)
+{
+    PacketBuilder packet(1, 0, 6);
+    packet.i32(rate).i32(length);
+    for (const DSPUnitV6& unit : units) {
+        packet.u64(unit.id).u64(0).u64(0).u16(unit.children).u16(unit.usage).u8(unit.flags).u8(unit.levelCount);
+        for (int slot = 0; slot < 32; ++slot)
+            packet.u8(quint8(-slot));
+        packet.raw(unit.name.leftJustified(32, '\0', true));
+    }
+    return packet.finish();
+}
+
 QByteArray readTestData(const QString& fileName)
 {
     QFile file(QStringLiteral(TARN_TEST_DATA_DIR "/") + fileName);

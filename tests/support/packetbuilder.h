@@ -3,6 +3,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QVector>
 #include <QtGlobal>
 
 // Builds packets for tests: a 12-byte header followed by little-endian
@@ -35,6 +36,22 @@ public:
 private:
     QByteArray bytes;
 };
+
+// One unit record of the current DSP layout; flags bit 0 active, 1 bypass,
+// 2 send, 3 sidechain. Level slot i holds -i dB; levelCount says how many
+// the unit claims.
+struct DSPUnitV6
+{
+    quint64 id;
+    quint16 children;
+    quint16 usage = 1;
+    quint8 flags = 0x01;
+    QByteArray name = "unit";
+    quint8 levelCount = 0;
+};
+
+// A whole DSP network packet of the current layout, records in the order given.
+QByteArray dspPacketV6(const QVector<DSPUnitV6>& units, qint32 rate = 48000, qint32 length = 1024);
 
 // Reads a test vector file from the test data folder.
 QByteArray readTestData(const QString& fileName);

@@ -8,19 +8,23 @@ namespace
 // About three units in ten are channel slots; at any time roughly two thirds
 // of them play, the rest of the budget is the fixed mixer structure.
 const int ChannelSlotPercent = 30;
-// Buses per top-level submix once the network grows past the default size.
-const int UnitsPerTopBus = 36;
-const int UnitsPerReturn = 5000;
+// Fixed units per group of four top-level buses: the default network has
+// one such group, larger ones get more groups rather than deeper nesting.
+const int UnitsPerTopGroup = 50;
+const int TopGroupSize = 4;
 
-const char* const TopNames[] = {"Music", "SFX", "Dialogue", "Ambience", "UI"};
-const int NumTopNames = 5;
+const char* const TopNames[] = {"Music", "SFX", "Dialogue", "Ambience", "UI", "Foley", "Cinematics", "Vehicles"};
+const int NumTopNames = 8;
 
 const char* const MiddleNames[NumTopNames][4] = {
-    {"Stems", "Stingers", "Score", "Layers"},
-    {"Weapons", "Footsteps", "Impacts", "Vehicles"},
+    {"Score", "Stingers", "Stems", "Layers"},
+    {"Weapons", "Impacts", "Explosions", "Debris"},
     {"Voice", "Radio", "Barks", "Crowd"},
     {"Wind", "Birds", "Water", "Room"},
     {"Menu", "HUD", "Alerts", "Map"},
+    {"Footsteps", "Cloth", "Hands", "Props"},
+    {"Cutscene", "Trailer", "Intro", "Credits"},
+    {"Engines", "Tyres", "Horns", "Crashes"},
 };
 
 const char* const InnerNames[] = {"Near", "Far", "Layer"};
@@ -51,14 +55,11 @@ quint64 NetworkBuilder::groupId(int index)
 SimLayout NetworkBuilder::build()
 {
     addHead();
-    addReturns();
-    topCount = qMax(NumTopNames, budget / UnitsPerTopBus);
+    topCount = TopGroupSize * qMax(1, budget / UnitsPerTopGroup);
+    for (int index = 0; index < topCount && budget > 0; ++index)
+        addTopBus(index);
     for (int index = 0; budget > 0; ++index)
-        addBus(index);
-    // Returns come last under the head, so their send inputs are already on
-    // the wire when the returns list them again.
-    linkReturns();
-    linkSidechains();
+        addNestedBus(index);
     addChannelSlots();
     return layout;
 }
@@ -121,133 +122,187 @@ void NetworkBuilder::addHead()
     --budget;
 }
 
-// Returns belong to no channel group: they are fed by sends, not by a bus.
-void NetworkBuilder::addReturns()
+// The profiler places a unit at its first visit and only draws a line from
+// later consumers, walking inputs in order. So whatever a bus shares with a
+// neighbour is listed by the earlier bus first, and the return comes right
+// after the bus that sends to it.
+void NetworkBuilder::addTopBus(int index)
 {
-    if (budget < 3)
-        return;
-    const int count = qMin(1 + budget / UnitsPerReturn, budget - 2);
-    for (int i = 0; i < count; ++i) {
-        const QByteArray name = uniqueName(ReturnNames[i % 4]);
-        returns.append(addUnit(UnitKind::Return, name, 0, 1100, -20.0f));
-        --budget;
+    const int bus = startBus(1, -1);
+    switch (index % TopGroupSize) {
+    case 0:
+        addEffect(Fader, bus);
+        addEffect(Lowpass, bus);
+        break;
+    case 1:
+        // The send feeds the bus unit itself: two columns from the head
+        // through the bus and through the return alike.
+        addEffect(budget >= 2 ? Send : Lowpass, bus);
+        addEffect(Limiter, bus);
+        break;
+    case 2:
+        addEffect(Fader, bus);
+        addEffect(EQ, bus);
+        break;
+    default: {
+        const int keyBus = topBuses.last();
+        const int compressor = addEffect(Compressor, bus);
+        addEffect(Lowpass, bus);
+        keySidechain(compressor, 0, keyBus);
+        addSharedGenerator(keyBus, bus);
+        break;
     }
+    }
+    layout.attachPoints.append(buses[bus].tail);
+    topBuses.append(bus);
 }
 
-void NetworkBuilder::addBus(int index)
+// Middle buses go round the top-level ones, inner buses round the middle
+// ones, so the nesting stays at most three deep at any size.
+void NetworkBuilder::addNestedBus(int index)
+{
+    const int round = index / 3;
+    int parent;
+    int level;
+    if (index % 3 == 2) {
+        level = 3;
+        parent = middleBuses[round % middleBuses.size()];
+    } else {
+        level = 2;
+        parent = topBuses[(round * 2 + index % 3) % topBuses.size()];
+    }
+    const int sibling = buses[parent].lastChild;
+    const int bus = startBus(level, parent);
+    const int turn = buses[parent].numChildren + parent;
+    if (level == 3) {
+        // One effect each keeps the innermost buses from widening the picture.
+        static const EffectKind innerKinds[] = {Fader, EQ, Lowpass};
+        addEffect(innerKinds[turn % 3], bus);
+        layout.attachPoints.append(buses[bus].tail);
+        return;
+    }
+    // Neighbouring siblings get different chains; the one before a
+    // compressor has two effects, so the compressor can be keyed by it.
+    switch (turn % 4) {
+    case 0:
+        addEffect(Lowpass, bus);
+        addEffect(Fader, bus);
+        break;
+    case 1: {
+        const int compressor = addEffect(Compressor, bus);
+        addEffect(EQ, bus);
+        if (sibling >= 0)
+            keySidechain(compressor, 0, sibling);
+        break;
+    }
+    case 2:
+        addEffect(EQ, bus);
+        break;
+    default:
+        addEffect(Fader, bus);
+        break;
+    }
+    layout.attachPoints.append(buses[bus].tail);
+    middleBuses.append(bus);
+}
+
+int NetworkBuilder::startBus(int level, int parent)
 {
     Bus bus;
-    const Bus* parent = nullptr;
-    int level = 1;
-    if (index >= topCount) {
-        const int nested = index - topCount;
-        level = (nested % 3 == 2) ? 3 : 2;
-        parent = level == 3 ? &buses[middleBuses[(nested / 3) % middleBuses.size()]]
-                            : &buses[topBuses[((nested / 3) * 2 + nested % 3) % topBuses.size()]];
-        bus.top = parent->top;
-    } else {
-        bus.top = topBuses.size();
-    }
-    bus.name = busName(level, parent);
-    bus.groupId = addGroup(bus.name, parent ? parent->groupId : masterGroup);
+    bus.level = level;
+    const Bus* above = parent >= 0 ? &buses[parent] : nullptr;
+    bus.top = above ? above->top : topBuses.size();
+    bus.name = busName(level, above);
+    bus.firstName = random.below(12);
+    bus.groupId = addGroup(bus.name, above ? above->groupId : masterGroup);
     bus.unit = addUnit(UnitKind::Bus, bus.name + " Bus", bus.groupId, 60, -10.0f);
     bus.tail = bus.unit;
-    link(parent ? parent->tail : head, bus.unit);
+    link(above ? above->tail : head, bus.unit);
     --budget;
 
-    addEffectChain(index, &bus);
-    layout.attachPoints.append(bus.tail);
-    if (level == 1)
-        topBuses.append(buses.size());
-    else if (level == 2)
-        middleBuses.append(buses.size());
+    const int index = buses.size();
     buses.append(bus);
+    if (parent >= 0) {
+        buses[parent].lastChild = index;
+        ++buses[parent].numChildren;
+    }
+    return index;
 }
 
 QByteArray NetworkBuilder::busName(int level, const Bus* parent)
 {
     if (level == 1)
         return uniqueName(TopNames[topBuses.size() % NumTopNames]);
-    if (level == 2) {
-        const int kind = parent->top % NumTopNames;
-        return uniqueName(MiddleNames[kind][random.below(4)]);
-    }
-    return uniqueName(parent->name + ' ' + InnerNames[random.below(3)]);
+    // Siblings take the names in turn, starting at a random one.
+    const int turn = parent->numChildren + parent->firstName;
+    if (level == 2)
+        return uniqueName(MiddleNames[parent->top % NumTopNames][turn % 4]);
+    return uniqueName(parent->name + ' ' + InnerNames[turn % 3]);
 }
 
-// Chains follow a short rotation so every kind of effect shows up early.
-void NetworkBuilder::addEffectChain(int index, Bus* bus)
+// Returns -1 once the budget is spent.
+int NetworkBuilder::addEffect(EffectKind kind, int bus)
 {
-    switch (index % 4) {
-    case 0:
-        addEffect(Lowpass, bus);
-        addEffect(Send, bus);
-        break;
-    case 1:
-        addEffect(Compressor, bus);
-        break;
-    case 2:
-        addEffect(EQ, bus);
-        addEffect(Send, bus);
-        break;
-    default:
-        addEffect(Limiter, bus);
-        break;
+    if (budget <= 0)
+        return -1;
+    static const char* const names[] = {"Fader", "Lowpass", "EQ", "Compressor", "Limiter", "Send"};
+    static const quint16 costs[] = {30, 120, 160, 450, 300, 40};
+    Bus& owner = buses[bus];
+    const UnitKind unitKind = kind == Send ? UnitKind::Send : UnitKind::Effect;
+    const int unit = addUnit(unitKind, names[kind], owner.groupId, costs[kind], -12.0f);
+    link(owner.tail, unit);
+    owner.tail = unit;
+    owner.chain.append(unit);
+    --budget;
+
+    if (kind == Send) {
+        const int target = addReturn();
+        layout.network.units[unit].sendTargetId = layout.network.units[target].id;
+        link(target, unit, true, false);
+    } else if (owner.level > 1) {
+        // A few nested effects start switched off or bypassed, as a mixer
+        // left mid-session would; compressors stay on so their keys matter.
+        SimUnit& record = layout.network.units[unit];
+        record.active = kind == Compressor || numEffects % 9 != 4;
+        record.bypass = numEffects % 7 == 3;
+        ++numEffects;
     }
+    return unit;
 }
 
-void NetworkBuilder::addEffect(EffectKind kind, Bus* bus)
+// Returns belong to no channel group: they are fed by sends, not by a bus.
+int NetworkBuilder::addReturn()
+{
+    const QByteArray name = uniqueName(ReturnNames[numReturns++ % 4]);
+    const int unit = addUnit(UnitKind::Return, name, 0, 1100, -20.0f);
+    link(head, unit);
+    --budget;
+    return unit;
+}
+
+// A room-tone bed mixed under two neighbouring buses. The first lists it
+// last, so it ends up on the bottom row of that bus's block, right above the
+// second bus.
+void NetworkBuilder::addSharedGenerator(int first, int second)
 {
     if (budget <= 0)
         return;
-    if (kind == Send && returns.isEmpty())
-        kind = Lowpass;
-
-    static const char* const names[] = {"Lowpass", "EQ", "Compressor", "Limiter", "Send"};
-    static const quint16 costs[] = {120, 160, 450, 300, 40};
-    const UnitKind unitKind = kind == Send ? UnitKind::Send : UnitKind::Effect;
-    const int unit = addUnit(unitKind, names[kind], bus->groupId, costs[kind], -12.0f);
-    link(bus->tail, unit);
-    bus->tail = unit;
+    const int unit = addUnit(UnitKind::Generator, uniqueName("Room Tone"), buses[first].groupId, 80, -30.0f);
+    link(buses[first].unit, unit);
+    link(buses[second].unit, unit);
     --budget;
-
-    // A few effects start switched off or bypassed, as a mixer left mid-session would.
-    SimUnit& record = layout.network.units[unit];
-    record.active = numEffects % 9 != 4;
-    record.bypass = numEffects % 7 == 3;
-    ++numEffects;
-
-    if (kind == Send)
-        record.sendTargetId = layout.network.units[returns[numSends++ % returns.size()]].id;
-    if (kind == Compressor)
-        compressors.append(qMakePair(unit, bus->top));
 }
 
-void NetworkBuilder::linkReturns()
+// The key is the unit one step further out in a sibling bus's chain than the
+// compressor is in its own, so both of the key's consumers have the same
+// depth. The sibling comes earlier in the parent's inputs: its subtree is
+// disjoint from the compressor's and every key points to an earlier sibling,
+// so no chain of sidechains leads back to where it started.
+void NetworkBuilder::keySidechain(int compressor, int chainIndex, int keyBus)
 {
-    for (int index : qAsConst(returns))
-        link(head, index);
-    for (int unit = 0; unit < layout.network.units.size(); ++unit) {
-        const quint64 target = layout.network.units[unit].sendTargetId;
-        if (target == 0)
-            continue;
-        for (int index : qAsConst(returns)) {
-            if (layout.network.units[index].id == target)
-                link(index, unit, true, false);
-        }
-    }
-}
-
-// A compressor is keyed by the next top-level bus along. Keys only ever point
-// to a later top bus, whose subtree is disjoint from the compressor's own, so
-// no chain of sidechains can lead back to where it started.
-void NetworkBuilder::linkSidechains()
-{
-    for (const auto& compressor : qAsConst(compressors)) {
-        const int keyTop = compressor.second + 1;
-        if (keyTop < topBuses.size())
-            link(compressor.first, buses[topBuses[keyTop]].unit, false, true);
-    }
+    const QVector<int>& chain = buses[keyBus].chain;
+    if (compressor >= 0 && chain.size() > chainIndex + 1)
+        link(compressor, chain[chainIndex + 1], false, true);
 }
 
 void NetworkBuilder::addChannelSlots()

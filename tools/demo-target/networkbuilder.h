@@ -15,7 +15,8 @@ enum class UnitKind
     Effect,
     Send,
     Return,
-    Channel
+    Channel,
+    Generator
 };
 
 // What the engine needs to know about a unit beyond what goes on the wire.
@@ -37,10 +38,17 @@ struct SimLayout
     QVector<int> attachPoints; // units that take playing channels as inputs
 };
 
-// Builds a mixer-like network of about `units` units in one pass: a head
-// unit, returns, submixes nested up to three deep with effect chains, sends
-// and sidechains, and idle channel slots. The result is acyclic whatever the
-// size, and no unit has more inputs than a version 6 record can count.
+// Builds a mixer-like network of exactly `units` units in one pass, shaped
+// the way a game's mix reads: the head takes the top-level buses and the
+// reverb returns; every bus has a short effect chain whose last unit takes
+// the child buses (nested up to three deep) and the playing channels.
+//
+// The top-level buses come in fours: the second one sends to a return that
+// follows it, the fourth one's compressor is keyed by the third one's chain,
+// and a generator feeds both of these. Every unit with two consumers sits at
+// the same distance from the head along both, so the profiler's longest-path
+// columns keep it next to both. The result is acyclic whatever the size, and
+// no unit has more inputs than a version 6 record can count.
 class NetworkBuilder
 {
 public:
@@ -54,6 +62,7 @@ public:
 private:
     enum EffectKind
     {
+        Fader,
         Lowpass,
         EQ,
         Compressor,
@@ -64,9 +73,14 @@ private:
     struct Bus
     {
         int unit = 0;
-        int tail = 0; // last unit of the effect chain: sub-buses and channels feed it
+        QVector<int> chain; // effects from the bus unit outwards
+        int tail = 0; // last unit of the chain: child buses and channels feed it
         quint64 groupId = 0;
-        int top = 0; // index into topBuses of the bus this one is nested in
+        int level = 1; // 1 under the head, 3 innermost
+        int top = 0; // index into topBuses of the top-level bus above, or of itself
+        int lastChild = -1; // index into buses of the newest child bus
+        int numChildren = 0;
+        int firstName = 0; // where the child buses' names start
         QByteArray name;
     };
 
@@ -76,13 +90,14 @@ private:
     QByteArray uniqueName(const QByteArray& base);
 
     void addHead();
-    void addReturns();
-    void addBus(int index);
+    void addTopBus(int index);
+    void addNestedBus(int index);
+    int startBus(int level, int parent);
     QByteArray busName(int level, const Bus* parent);
-    void addEffectChain(int index, Bus* bus);
-    void addEffect(EffectKind kind, Bus* bus);
-    void linkReturns();
-    void linkSidechains();
+    int addEffect(EffectKind kind, int bus);
+    int addReturn();
+    void addSharedGenerator(int first, int second);
+    void keySidechain(int compressor, int chainIndex, int keyBus);
     void addChannelSlots();
 
     SimRandom random;
@@ -92,13 +107,11 @@ private:
     int head = 0;
     quint64 masterGroup = 0;
     int numEffects = 0;
-    int numSends = 0;
     SimLayout layout;
     QVector<Bus> buses;
     QVector<int> topBuses; // indices into buses
     QVector<int> middleBuses;
-    QVector<int> returns; // unit indices
-    QVector<QPair<int, int>> compressors; // unit index, top bus
+    int numReturns = 0;
     QHash<QByteArray, int> nameUses;
 };
 

@@ -61,7 +61,7 @@ int main(int argc, char** argv)
         qFatal("cannot listen: %s", qPrintable(target.getErrorString()));
 
     MainForm window;
-    window.resize(1280, 860);
+    window.resize(1280, 1000);
     window.setWindowTitle(QStringLiteral("TARN Profiler"));
     window.show();
     window.findChild<QLineEdit*>(QStringLiteral("portEdit"))->setText(QString::number(target.getPort()));
@@ -71,7 +71,7 @@ int main(int argc, char** argv)
     showOption(window, QStringLiteral("CPU Usage"));
     showOption(window, QStringLiteral("Volume"));
     showOption(window, QStringLiteral("Legend"));
-    runFor(6000);
+    runFor(20000);
 
     bool ok = save(&window, folder + QStringLiteral("/profiler-window.png"));
     auto* tabs = window.findChild<QTabWidget*>();
