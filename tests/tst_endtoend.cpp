@@ -1,10 +1,16 @@
 // The profiler's network link and collectors against the simulated target,
 // in-process over loopback, exactly as the main form drives them.
+#include "dspnetgraph.h"
 #include "profilerchain.h"
 #include "targetserver.h"
 
+#include <QApplication>
+#include <QImage>
+#include <QMenu>
+#include <QPainter>
 #include <QSignalSpy>
 #include <QTest>
+#include <QTimer>
 
 namespace
 {
@@ -43,6 +49,7 @@ private slots:
     void everyStreamArrives_data();
     void everyStreamArrives();
     void commandsChangeTheNextSnapshot();
+    void bypassFromTheUnitMenuTurnsTheUnitWhite();
 };
 
 void TestEndToEnd::everyStreamArrives_data()
@@ -145,5 +152,62 @@ void TestEndToEnd::commandsChangeTheNextSnapshot()
     QCOMPARE(commandStrings.at(1), (QList<QVariant> { 7, QStringLiteral("ShowGroups") }));
 }
 
-QTEST_GUILESS_MAIN(TestEndToEnd)
+// What a user does: right-click a unit, choose "Bypass"; the target gets the
+// command and its next snapshot draws the unit white.
+void TestEndToEnd::bypassFromTheUnitMenuTurnsTheUnitWhite()
+{
+    TargetSettings settings;
+    settings.seed = 5;
+    TargetServer target(settings);
+    QVERIFY(target.listen(QHostAddress::LocalHost, 0));
+
+    Profiler profiler;
+    DSPNetGraph graph(&profiler.dspTree);
+    graph.setShowExcessiveInputs(true);
+    graph.setShowInactiveInputs(true);
+    graph.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&graph));
+    QVERIFY(profiler.connectTo(target.getPort()));
+    QVERIFY(QTest::qWaitFor([&] { return graph.nodeList.size() > 10; }, 5000));
+
+    // The second unit in placement order is an input of the head: it is
+    // active, not bypassed, and stays in the network from one step to the next.
+    const DSPNetGraphicalNode unit = graph.nodeList.at(1);
+    QVERIFY(unit.active && !unit.bypass);
+    const QPoint inside = unit.position + QPoint(20, 20);
+
+    QTimer::singleShot(0, &graph, [] {
+        auto* menu = qobject_cast<QMenu*>(QApplication::activePopupWidget());
+        if (!menu)
+            return;
+        for (QAction* action : menu->actions()) {
+            if (action->text() == QLatin1String("Bypass"))
+                action->trigger();
+        }
+        menu->close();
+    });
+    QTest::mousePress(&graph, Qt::RightButton, Qt::NoModifier, inside);
+    QTest::mouseRelease(&graph, Qt::RightButton, Qt::NoModifier, inside);
+
+    auto placedUnit = [&]() -> const DSPNetGraphicalNode* {
+        for (const DSPNetGraphicalNode& node : graph.nodeList) {
+            if (node.id == unit.id)
+                return &node;
+        }
+        return nullptr;
+    };
+    QVERIFY(QTest::qWaitFor([&] { return placedUnit() && placedUnit()->bypass; }, 3000));
+
+    // Deselect, so the unit wears the plain faceplate, and look at its fill.
+    QTest::mouseClick(&graph, Qt::LeftButton, Qt::NoModifier, QPoint(graph.width() - 2, graph.height() - 2));
+    QImage image(graph.size(), QImage::Format_ARGB32);
+    image.fill(Qt::transparent);
+    QPainter painter(&image);
+    graph.renderTree(&painter, true);
+    painter.end();
+    const QPoint fill = placedUnit()->position + QPoint(60, 40); // below the name
+    QCOMPARE(QColor(image.pixel(fill)), QColor(Qt::white));
+}
+
+QTEST_MAIN(TestEndToEnd)
 #include "tst_endtoend.moc"
