@@ -19,7 +19,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <string>
 
 using DSPShapes::DSPShape;
@@ -263,6 +262,41 @@ double updateSeconds(const MinimumTimeReporter& reporter, int units)
     return total;
 }
 
+const char* const TimedStages[] = { "framing", "decode", "layout", "viewport", "whole" };
+// A stage this close to a plain copy of its packet is at the floor.
+const double CopyFloorSlack = 1.5;
+
+struct RowKey
+{
+    const char* shape;
+    int units;
+};
+
+bool atCopyFloor(const MinimumTimeReporter& reporter, const RowKey& row, double seconds)
+{
+    const double floor = stageSeconds(reporter, row.shape, row.units, "memcpy");
+    return floor > 0.0 && seconds <= CopyFloorSlack * floor;
+}
+
+// "stage ratio" for one stage of two rows; a ratio above the limit fails
+// unless the stage is at the copy floor in both rows.
+QString compareStage(const MinimumTimeReporter& reporter, const RowKey& row, const RowKey& reference,
+                     const char* stage, double limit, bool* known, bool* pass)
+{
+    const double seconds = stageSeconds(reporter, row.shape, row.units, stage);
+    const double referenceSeconds = stageSeconds(reporter, reference.shape, reference.units, stage);
+    if (seconds < 0.0 || referenceSeconds <= 0.0) {
+        *known = false;
+        return QStringLiteral("%1 not run").arg(QLatin1String(stage));
+    }
+    const double ratio = seconds / referenceSeconds;
+    QString text = QStringLiteral("%1 %2x").arg(QLatin1String(stage)).arg(ratio, 0, 'f', 1);
+    if (atCopyFloor(reporter, row, seconds) && atCopyFloor(reporter, reference, referenceSeconds))
+        return text + QStringLiteral(" (at copy floor)");
+    *pass = *pass && ratio <= limit;
+    return text;
+}
+
 QString verdict(bool known, bool pass)
 {
     return !known ? QStringLiteral("not run") : pass ? QStringLiteral("PASS") : QStringLiteral("FAIL");
@@ -280,20 +314,13 @@ QString printGoals(const MinimumTimeReporter& reporter)
                 .arg(formatDuration(update50k), periodText(update50k),
                      verdict(update50k >= 0.0, update50k < UpdatePeriodSeconds));
 
-    const char* const timedStages[] = { "framing", "decode", "layout", "viewport", "whole" };
+    const double growthLimit = 12.0;
     QStringList growth;
     bool growthKnown = true;
     bool growthPass = true;
-    for (const char* stage : timedStages) {
-        const double small = stageSeconds(reporter, "Tree", 5000, stage);
-        const double large = stageSeconds(reporter, "Tree", 50000, stage);
-        if (small <= 0.0 || large < 0.0) {
-            growthKnown = false;
-            continue;
-        }
-        const double ratio = large / small;
-        growthPass = growthPass && ratio <= 12.0;
-        growth.append(QStringLiteral("%1 %2x").arg(QLatin1String(stage)).arg(ratio, 0, 'f', 1));
+    for (const char* stage : TimedStages) {
+        growth.append(compareStage(reporter, { "Tree", 50000 }, { "Tree", 5000 }, stage, growthLimit, &growthKnown,
+                                   &growthPass));
     }
     // The floor does not grow linearly either: a packet that fits in the
     // processor's cache copies faster per byte than one that does not.
@@ -308,20 +335,14 @@ QString printGoals(const MinimumTimeReporter& reporter)
         QStringList ratios;
         bool known = true;
         bool pass = true;
-        for (const char* stage : timedStages) {
-            const double tree = stageSeconds(reporter, "Tree", 10000, stage);
-            const double awkward = stageSeconds(reporter, shape, 10000, stage);
-            if (tree <= 0.0 || awkward < 0.0) {
-                known = false;
-                continue;
-            }
-            const double ratio = awkward / tree;
-            pass = pass && ratio <= 3.0;
-            ratios.append(QStringLiteral("%1 %2x").arg(QLatin1String(stage)).arg(ratio, 0, 'f', 1));
-        }
+        for (const char* stage : TimedStages)
+            ratios.append(compareStage(reporter, { shape, 10000 }, { "Tree", 10000 }, stage, 3.0, &known, &pass));
         text += QStringLiteral("goal: %1 10000 / Tree 10000 at most 3x per stage (%2): %3\n")
                     .arg(QLatin1String(shape), ratios.join(QStringLiteral(", ")), verdict(known, pass));
     }
+    text += QStringLiteral("(a stage \"at copy floor\" takes at most %1x a memcpy of its packet in both rows: "
+                           "its ratio follows the packet sizes and is not judged)\n")
+                .arg(CopyFloorSlack);
 
     for (const ShapeCase& shapeCase : Cases) {
         const QString note = networkCaseNote(shapeCase.shape, shapeCase.units);

@@ -169,7 +169,7 @@ private:
     void drawNodes(QPainter* painter, const QRectF& visible);
     void drawNode(QPainter* painter, const DSPNetGraphicalNode& node);
     void drawLevelMeters(QPainter* painter, const DSPNetGraphicalNode& node, float x0, float y0);
-    void drawGroupBoxes(QPainter* painter, bool forImage);
+    void drawGroupBoxes(QPainter* painter, bool forImage, const QRectF& visible);
     void drawGroupBox(QPainter* painter, const DSPGroupGraphicalNode& group, bool forImage);
     void drawNodeTexts(QPainter* painter, const QRectF& visible);
     void drawMarkers(QPainter* painter);

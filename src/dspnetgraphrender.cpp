@@ -2,6 +2,7 @@
 
 #include <QBrush>
 #include <QPaintEvent>
+#include <QFontMetricsF>
 #include <QPainter>
 
 namespace
@@ -30,6 +31,30 @@ QString hexId(unsigned long long id)
 }
 
 // An empty area means the painter is not clipped: everything is drawn.
+// Whether the segment itself, not only its bounding box, comes near the
+// area (Liang-Barsky). A long diagonal whose box meets the view often does not.
+bool segmentMeets(const QLineF& line, const QRectF& rect)
+{
+    qreal t0 = 0.0;
+    qreal t1 = 1.0;
+    const qreal p[4] = { -line.dx(), line.dx(), -line.dy(), line.dy() };
+    const qreal q[4] = { line.x1() - rect.left(), rect.right() - line.x1(), line.y1() - rect.top(),
+                         rect.bottom() - line.y1() };
+    for (int i = 0; i < 4; ++i) {
+        if (p[i] == 0.0) {
+            if (q[i] < 0.0)
+                return false;
+            continue;
+        }
+        const qreal t = q[i] / p[i];
+        if (p[i] < 0.0)
+            t0 = qMax(t0, t);
+        else
+            t1 = qMin(t1, t);
+    }
+    return t0 <= t1;
+}
+
 bool inView(const QRectF& visible, const QRectF& bounds)
 {
     return visible.isNull() || visible.intersects(bounds);
@@ -105,7 +130,7 @@ void DSPNetGraph::renderTree(QPainter* painter, bool forImage)
         drawSendLines(painter, visible);
     drawNodes(painter, visible);
     if (showGroups || showGuids)
-        drawGroupBoxes(painter, forImage);
+        drawGroupBoxes(painter, forImage, visible);
 
     // Everything from here on is in logical coordinates.
     painter->scale(scale, scale);
@@ -123,8 +148,12 @@ void DSPNetGraph::drawSendLines(QPainter* painter, const QRectF& visible)
     for (const QLine& line : qAsConst(sendLines)) {
         const QLine scaled(qRound(line.x1() * scale), qRound(line.y1() * scale),
                            qRound(line.x2() * scale), qRound(line.y2() * scale));
-        if (inView(visible, lineBounds(scaled)))
-            painter->drawLine(scaled);
+        if (!inView(visible, lineBounds(scaled)))
+            continue;
+        if (!visible.isNull()
+            && !segmentMeets(QLineF(scaled), visible.adjusted(-CullMargin, -CullMargin, CullMargin, CullMargin)))
+            continue;
+        painter->drawLine(scaled);
     }
 }
 
@@ -179,10 +208,23 @@ void DSPNetGraph::drawLevelMeters(QPainter* painter, const DSPNetGraphicalNode& 
     }
 }
 
-void DSPNetGraph::drawGroupBoxes(QPainter* painter, bool forImage)
+void DSPNetGraph::drawGroupBoxes(QPainter* painter, bool forImage, const QRectF& visible)
 {
-    for (const DSPGroupGraphicalNode& group : qAsConst(groupList))
+    const QFontMetricsF metrics(painter->font());
+    for (const DSPGroupGraphicalNode& group : qAsConst(groupList)) {
+        if (!visible.isNull()) {
+            const QRectF box(group.rect.x() * scale, group.rect.y() * scale, group.rect.width() * scale,
+                             group.rect.height() * scale);
+            // The texts hang below the box and are no wider than their widest glyphs.
+            const qreal textWidth = (group.name.size() + group.guidString.size() + 1) * metrics.maxWidth();
+            const qreal below = (group.level * 5 + 10) * scale + metrics.height();
+            const QRectF bounds = box.united(QRectF(box.left(), box.top(), textWidth, box.height() + below))
+                                      .adjusted(-CullMargin, -CullMargin - metrics.height(), CullMargin, CullMargin);
+            if (!visible.intersects(bounds))
+                continue;
+        }
         drawGroupBox(painter, group, forImage);
+    }
 }
 
 void DSPNetGraph::drawGroupBox(QPainter* painter, const DSPGroupGraphicalNode& group,
