@@ -5,6 +5,14 @@
 namespace
 {
 
+// Leaves a unit marked as off the path, as the recursive walk does; a
+// caller that discards the marks passes no table at all.
+void markOffPath(QHash<DSPNode*, bool>* onPath, DSPNode* unit)
+{
+    if (onPath)
+        onPath->insert(unit, false);
+}
+
 // The units reachable from a start unit, numbered in depth-first discovery
 // order (the start is 0), with each input edge resolved to a unit number.
 // Back edges are the edges into a unit still on the search path: removing
@@ -28,13 +36,12 @@ DepthGraph exploreDepthGraph(DSPNode* start, int sizeHint)
         int next;
     };
     DepthGraph graph;
-    QHash<DSPNode*, int> numbers;
-    numbers.reserve(sizeHint);
+    graph.units.reserve(sizeHint);
     QVector<bool> onStack;
     QVector<Frame> stack;
     const auto discover = [&](DSPNode* node) {
         const int unit = graph.units.size();
-        numbers.insert(node, unit);
+        node->walkIndex = unit;
         graph.units.append(node);
         graph.firstEdge.append(graph.edgeTarget.size());
         graph.edgeTarget.resize(graph.edgeTarget.size() + node->inputs.size());
@@ -58,18 +65,21 @@ DepthGraph exploreDepthGraph(DSPNode* start, int sizeHint)
         ++stack.last().next;
         const int edge = graph.firstEdge.at(unit) + input;
         DSPNode* child = node->inputs.at(input).node;
-        const auto found = numbers.constFind(child);
-        if (found == numbers.constEnd()) {
+        const int known = child->walkIndex;
+        if (known < 0) {
             const int target = discover(child);
             graph.edgeTarget[edge] = target;
             continue;
         }
-        graph.edgeTarget[edge] = found.value();
-        if (onStack.at(found.value())) {
+        graph.edgeTarget[edge] = known;
+        if (onStack.at(known)) {
             graph.backEdge[edge] = true;
             graph.hasCycle = true;
         }
     }
+    // The numbers are only valid during one computation.
+    for (DSPNode* unit : qAsConst(graph.units))
+        unit->walkIndex = -1;
     return graph;
 }
 
@@ -83,7 +93,7 @@ void relaxDepths(QHash<DSPNode*, bool>* onPath, const DepthGraph& graph)
     QVector<bool> reached(count, false);
     QVector<bool> blocked(count, false);
     for (int unit = 1; unit < count; ++unit)
-        blocked[unit] = onPath->value(graph.units.at(unit));
+        blocked[unit] = onPath && onPath->value(graph.units.at(unit));
     reached[0] = true;
 
     for (int order = count - 1; order >= 0; --order) {
@@ -104,7 +114,7 @@ void relaxDepths(QHash<DSPNode*, bool>* onPath, const DepthGraph& graph)
 
     for (int unit = 0; unit < count; ++unit) {
         if (reached.at(unit))
-            onPath->insert(graph.units.at(unit), false);
+            markOffPath(onPath, graph.units.at(unit));
     }
 }
 
@@ -121,7 +131,7 @@ bool walkDepths(QHash<DSPNode*, bool>* onPath, const DepthGraph& graph, qint64 b
     const int count = graph.units.size();
     QVector<bool> marked(count, false);
     for (int unit = 0; unit < count; ++unit)
-        marked[unit] = onPath->value(graph.units.at(unit));
+        marked[unit] = onPath && onPath->value(graph.units.at(unit));
     QVector<bool> visited(count, false);
     QVector<Frame> stack;
     marked[0] = true;
@@ -152,7 +162,7 @@ bool walkDepths(QHash<DSPNode*, bool>* onPath, const DepthGraph& graph, qint64 b
 
     for (int unit = 0; unit < count; ++unit) {
         if (visited.at(unit))
-            onPath->insert(graph.units.at(unit), false);
+            markOffPath(onPath, graph.units.at(unit));
     }
     return true;
 }

@@ -259,6 +259,11 @@ void DSPNetGraph::resetLayout()
     sendSidechainLines.clear();
     ellipsisPoints.clear();
     placedTable.clear();
+    // Sized for the whole network up front instead of growing step by step.
+    const int units = tree->nodesById.size();
+    placedTable.reserve(units);
+    nodeList.reserve(units);
+    standardLines.reserve(units);
     hiddenVisited.clear();
     staleSendPasses = 0;
 }

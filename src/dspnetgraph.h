@@ -104,11 +104,12 @@ public:
     void updateSelectedNode();
 
     // The layout, rebuilt by slotProcessTree() and only read in between.
-    QList<DSPNetGraphicalNode> nodeList;
-    QList<QLine> standardLines;
-    QList<QLine> sendLines;
-    QList<QLine> sidechainLines;
-    QList<QLine> sendSidechainLines;
+    // Contiguous vectors: a QList would allocate every element on its own.
+    QVector<DSPNetGraphicalNode> nodeList;
+    QVector<QLine> standardLines;
+    QVector<QLine> sendLines;
+    QVector<QLine> sidechainLines;
+    QVector<QLine> sendSidechainLines;
     QList<QPoint> ellipsisPoints;
     QVector<DSPGroupGraphicalNode> groupList;
     QHash<int, QPoint> placedTable;

@@ -67,7 +67,7 @@ QRectF lineBounds(const QLine& line)
         .adjusted(-CullMargin, -CullMargin, CullMargin, CullMargin);
 }
 
-void drawLines(QPainter* painter, const QPen& pen, const QList<QLine>& lines,
+void drawLines(QPainter* painter, const QPen& pen, const QVector<QLine>& lines,
                const QRectF& visible)
 {
     painter->setPen(pen);

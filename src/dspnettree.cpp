@@ -284,6 +284,7 @@ DSPNode& DSPNode::operator=(DSPNode&& other) noexcept
     levels = std::move(other.levels);
     inputs = std::move(other.inputs);
     depth = other.depth;
+    walkIndex = other.walkIndex;
     return *this;
 }
 
@@ -380,9 +381,9 @@ void DSPTree::rebuildDSPGraph(const QByteArray& packet, int version, int firstRe
     recordsEnd = nullptr;
 
     createDSPUsage();
-    QHash<DSPNode*, bool> onPath;
-    onPath.reserve(nodesById.size() + 1);
-    createDSPDepthRecurse(&onPath, &root);
+    // The same as createDSPDepthRecurse() with a fresh table of path marks,
+    // without filling a table that nobody reads afterwards.
+    assignDSPDepths(nullptr, &root, nodesById.size() + 1);
 }
 
 void DSPTree::createDSPRecurse(const char** cursor, DSPNode* parent)
@@ -428,6 +429,8 @@ bool DSPTree::readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit
         return true;
     }
     nodesById.insert(node->id, node);
+    // The walk before the rebuild checked that this many records follow.
+    node->inputs.reserve(place.childCount);
     pending->append({ node, parent, place.childCount, link });
     return true;
 }

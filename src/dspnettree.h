@@ -40,6 +40,8 @@ struct DSPNode
     QVector<char> levels;
     QVector<InputRecord> inputs;
     int depth = -1;
+    // Scratch number of the unit while depths are computed; -1 otherwise.
+    int walkIndex = -1;
 };
 
 // One channel group.

@@ -178,10 +178,10 @@ void TestDSPNetGraph::smallTreeLayout()
     QCOMPARE(graph.nodeList.first().name, QStringLiteral("Bus: Master"));
     QCOMPARE(graph.nodeList.first().levels, QList<float>({ 1.0f, 0.0f, 0.5f, 1.125f }));
     // Ends spread over the consumer's right edge: 45 / 3 = 15 apart; 45 / 2 = 22.5 truncated.
-    QCOMPARE(graph.standardLines, QList<QLine>({ QLine(210, 32, 130, 25) }));
-    QCOMPARE(graph.sidechainLines, QList<QLine>({ QLine(410, 32, 330, 32) }));
-    QCOMPARE(graph.sendSidechainLines, QList<QLine>({ QLine(410, 32, 330, 107) }));
-    QCOMPARE(graph.sendLines, QList<QLine>({ QLine(210, 107, 130, 40), QLine(270, 32, 270, 107) }));
+    QCOMPARE(graph.standardLines, QVector<QLine>({ QLine(210, 32, 130, 25) }));
+    QCOMPARE(graph.sidechainLines, QVector<QLine>({ QLine(410, 32, 330, 32) }));
+    QCOMPARE(graph.sendSidechainLines, QVector<QLine>({ QLine(410, 32, 330, 107) }));
+    QCOMPARE(graph.sendLines, QVector<QLine>({ QLine(210, 107, 130, 40), QLine(270, 32, 270, 107) }));
     QCOMPARE(graph.rowCounter, 1);
     QCOMPARE(graph.maxX, 410);
     QCOMPARE(graph.maxY, 85);
