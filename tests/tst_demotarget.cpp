@@ -28,24 +28,18 @@ struct DecodedInput
     quint64 id = 0;
     bool send = false;
     bool sidechain = false;
-
-    bool operator==(const DecodedInput& other) const
-    {
-        return id == other.id && send == other.send && sidechain == other.sidechain;
-    }
 };
 
 struct DecodedUnit
 {
-    quint64 id = 0;
-    quint64 groupId = 0;
-    quint64 sendTargetId = 0;
+    quint64 id = 0, groupId = 0, sendTargetId = 0;
     QString name;
-    bool active = false;
-    bool bypass = false;
+    bool active = false, bypass = false;
     quint32 exclusiveUsage = 0;
     QVector<int> levels;
     QVector<DecodedInput> inputs;
+    quint32 childCount = 0; // as read from the unit's record, with the link to it
+    DecodedInput link;
 };
 
 struct DecodedDSP
@@ -53,19 +47,11 @@ struct DecodedDSP
     bool ok = false;
     int version = -1;
     float cpuUsage = 0.0f;
-    qint32 timingRate = 0;
-    qint32 timingLength = 0;
+    qint32 timingRate = 0, timingLength = 0;
     QVector<quint64> order; // first occurrences
     QHash<quint64, DecodedUnit> units;
     int numRecords = 0;
     bool hasCycle = false; // a repeated record named a unit still open above it
-};
-
-struct Record
-{
-    DecodedUnit unit;
-    quint32 childCount = 0;
-    DecodedInput link;
 };
 
 quint32 floatBits(float value)
@@ -73,6 +59,20 @@ quint32 floatBits(float value)
     quint32 bits;
     std::memcpy(&bits, &value, sizeof bits);
     return bits;
+}
+
+// Every field on one line, so a mismatch shows both units whole.
+QString describe(const DecodedUnit& unit)
+{
+    QStringList fields{QString::number(unit.id), unit.name, QString::number(unit.groupId),
+                       QString::number(unit.sendTargetId), QString::number(unit.active),
+                       QString::number(unit.bypass), QString::number(unit.exclusiveUsage), "levels"};
+    for (int level : unit.levels)
+        fields << QString::number(level);
+    fields << "inputs";
+    for (const DecodedInput& input : unit.inputs)
+        fields << QStringLiteral("%1/%2/%3").arg(input.id).arg(input.send).arg(input.sidechain);
+    return fields.join(" | ");
 }
 
 // The profiler's conversion of a version 3 to 5 level float to whole dB.
@@ -98,14 +98,13 @@ QVector<int> readLevels(PacketReader& in, int count, bool floats)
     return levels;
 }
 
-Record readRecord(PacketReader& in, int version)
+DecodedUnit readRecord(PacketReader& in, int version)
 {
-    Record record;
-    DecodedUnit& unit = record.unit;
+    DecodedUnit unit;
     if (version <= 1) {
         unit.id = static_cast<quint64>(static_cast<qint64>(in.i32()));
         unit.name = in.fixedString(32);
-        record.childCount = in.u32();
+        unit.childCount = in.u32();
         unit.active = in.u8() != 0;
         in.skip(4);
         if (version == 1)
@@ -115,7 +114,7 @@ Record readRecord(PacketReader& in, int version)
         if (version >= 4)
             unit.groupId = in.u64();
         unit.name = in.fixedString(32);
-        record.childCount = in.u32();
+        unit.childCount = in.u32();
         unit.active = in.u8() != 0;
         unit.bypass = in.u8() != 0;
         in.skip(2);
@@ -133,31 +132,18 @@ Record readRecord(PacketReader& in, int version)
         unit.id = in.u64();
         unit.groupId = in.u64();
         unit.sendTargetId = in.u64();
-        record.childCount = in.u16();
+        unit.childCount = in.u16();
         unit.exclusiveUsage = in.u16();
         const quint8 flags = in.u8();
         unit.active = flags & 1;
         unit.bypass = flags & 2;
-        record.link.send = flags & 4;
-        record.link.sidechain = flags & 8;
-        const int count = in.u8();
-        unit.levels = readLevels(in, count, false);
+        unit.link.send = flags & 4;
+        unit.link.sidechain = flags & 8;
+        unit.levels = readLevels(in, in.u8(), false);
         unit.name = in.fixedString(32);
     }
-    record.link.id = unit.id;
-    return record;
-}
-
-void readPrologue(PacketReader& in, DecodedDSP* dsp)
-{
-    if (dsp->version >= 1 && dsp->version <= 5)
-        dsp->cpuUsage = in.f32();
-    if (dsp->version >= 2 && dsp->version <= 5)
-        in.skip(1);
-    if (dsp->version == 6) {
-        dsp->timingRate = in.i32();
-        dsp->timingLength = in.i32();
-    }
+    unit.link.id = unit.id;
+    return unit;
 }
 
 // Walks the records depth-first, as the profiler does: a repeated id links
@@ -170,37 +156,38 @@ DecodedDSP decodeDSP(const QByteArray& packet)
     in.skip(6);
     dsp.version = in.u8();
     in.skip(1);
-    readPrologue(in, &dsp);
+    if (dsp.version >= 1 && dsp.version <= 5) {
+        dsp.cpuUsage = in.f32();
+        if (dsp.version >= 2)
+            in.skip(1);
+    } else if (dsp.version == 6) {
+        dsp.timingRate = in.i32();
+        dsp.timingLength = in.i32();
+    }
 
-    struct Open
-    {
-        quint64 id;
-        quint32 remaining;
-    };
-    QVector<Open> path;
+    QVector<QPair<quint64, quint32>> path{{0, 1}}; // id, children left; 0 is the root over the head
     QSet<quint64> onPath;
-    path.append({0, 1}); // stands for the profiler's root, whose one input is the head
     dsp.units.insert(0, DecodedUnit());
     while (!path.isEmpty() && in.ok()) {
-        if (path.last().remaining == 0) {
-            onPath.remove(path.takeLast().id);
+        if (path.last().second == 0) {
+            onPath.remove(path.takeLast().first);
             continue;
         }
-        --path.last().remaining;
-        const quint64 parent = path.last().id;
-        const Record record = readRecord(in, dsp.version);
+        --path.last().second;
+        const quint64 parent = path.last().first;
+        const DecodedUnit unit = readRecord(in, dsp.version);
         if (!in.ok())
             break;
         ++dsp.numRecords;
-        dsp.units[parent].inputs.append(record.link);
-        if (dsp.units.contains(record.unit.id)) {
-            dsp.hasCycle = dsp.hasCycle || onPath.contains(record.unit.id);
+        dsp.units[parent].inputs.append(unit.link);
+        if (dsp.units.contains(unit.id)) {
+            dsp.hasCycle = dsp.hasCycle || onPath.contains(unit.id);
             continue;
         }
-        dsp.units.insert(record.unit.id, record.unit);
-        dsp.order.append(record.unit.id);
-        path.append({record.unit.id, record.childCount});
-        onPath.insert(record.unit.id);
+        dsp.units.insert(unit.id, unit);
+        dsp.order.append(unit.id);
+        path.append({unit.id, unit.childCount});
+        onPath.insert(unit.id);
     }
     dsp.ok = in.ok() && path.isEmpty() && size == static_cast<quint32>(packet.size())
              && in.position() == packet.size();
@@ -229,14 +216,14 @@ QVector<int> reachableUnits(const SimNetwork& network)
     return order;
 }
 
-QJsonObject readJson(const QString& fileName)
+QSet<quint64> playingChannels(const SimNetwork& network)
 {
-    return QJsonDocument::fromJson(readTestData(fileName)).object();
-}
-
-quint32 jsonBits(const QJsonValue& value)
-{
-    return value.toObject().value("bits").toString().toUInt(nullptr, 16);
+    QSet<quint64> ids;
+    for (int index : reachableUnits(network)) {
+        if (network.units[index].name.startsWith("Channel "))
+            ids.insert(network.units[index].id);
+    }
+    return ids;
 }
 
 QByteArray request(quint8 type, quint32 intervalMs)
@@ -260,7 +247,14 @@ public:
 
     int count(quint8 type)
     {
-        pump();
+        incoming.append(socket.readAll());
+        while (incoming.size() >= 12) {
+            const quint32 size = qFromLittleEndian<quint32>(incoming.constData());
+            if (size < 12 || static_cast<quint32>(incoming.size()) < size)
+                break;
+            packets.append(incoming.left(static_cast<int>(size)));
+            incoming.remove(0, static_cast<int>(size));
+        }
         int matching = 0;
         for (const QByteArray& packet : qAsConst(packets))
             matching += static_cast<quint8>(packet[8]) == type ? 1 : 0;
@@ -272,339 +266,32 @@ public:
     {
         if (!QTest::qWaitFor([&]() { return count(type) > 0; }, timeoutMs))
             return QByteArray();
-        while (!packets.isEmpty()) {
-            const QByteArray packet = packets.takeFirst();
-            if (static_cast<quint8>(packet[8]) == type)
-                return packet;
-        }
-        return QByteArray();
+        while (static_cast<quint8>(packets.first()[8]) != type)
+            packets.removeFirst();
+        return packets.takeFirst();
     }
 
     QTcpSocket socket;
-    QList<QByteArray> packets;
 
 private:
-    void pump()
-    {
-        incoming.append(socket.readAll());
-        while (incoming.size() >= 12) {
-            const quint32 size = qFromLittleEndian<quint32>(incoming.constData());
-            if (size < 12 || static_cast<quint32>(incoming.size()) < size)
-                break;
-            packets.append(incoming.left(static_cast<int>(size)));
-            incoming.remove(0, static_cast<int>(size));
-        }
-    }
-
+    QList<QByteArray> packets;
     QByteArray incoming;
 };
 
-} // namespace
-
-class TestDemoTarget : public QObject
+// A target on an OS-chosen port with one client connected to it.
+struct Session
 {
-    Q_OBJECT
+    explicit Session(const TargetSettings& settings = TargetSettings())
+        : server(settings), listening(server.listen(QHostAddress::LocalHost, 0)), client(server.getPort())
+    {
+    }
 
-private slots:
-    void referenceVectorsDecode_data();
-    void referenceVectorsDecode();
-    void dspPacketMatchesEngine_data();
-    void dspPacketMatchesEngine();
-    void groupPacketMatchesEngine();
-    void figurePackets_data();
-    void figurePackets();
-    void networkFeatures_data();
-    void networkFeatures();
-    void mixReadsAsATree_data();
-    void mixReadsAsATree();
-    void simulationMovesDeterministically();
-    void shapes_data();
-    void shapes();
-    void serverStreams_data();
-    void serverStreams();
-    void intervalZeroStopsStream();
-    void rateMultiplierSpeedsStreams();
-    void commandsChangeNextSnapshot_data();
-    void commandsChangeNextSnapshot();
-    void commandStringsAreReported_data();
-    void commandStringsAreReported();
-    void brokenInput_data();
-    void brokenInput();
+    bool ready() { return listening && client.waitConnected(); }
+
+    TargetServer server;
+    bool listening;
+    TestClient client;
 };
-
-// Anchors the decoder above to an encoder written elsewhere, so a layout
-// mistake cannot hide by being made the same way twice.
-void TestDemoTarget::referenceVectorsDecode_data()
-{
-    QTest::addColumn<int>("version");
-    for (int version = 0; version <= 6; ++version)
-        QTest::addRow("dsp-v%d", version) << version;
-}
-
-void TestDemoTarget::referenceVectorsDecode()
-{
-    QFETCH(int, version);
-    const DecodedDSP dsp = decodeDSP(readTestData(QStringLiteral("dsp-v%1.bin").arg(version)));
-    const QJsonObject expected = readJson(QStringLiteral("dsp-v%1.json").arg(version));
-    QVERIFY(dsp.ok);
-    QCOMPARE(floatBits(dsp.cpuUsage), jsonBits(expected.value("cpuUsage")));
-    QCOMPARE(dsp.timingRate, expected.value("timingRate").toInt());
-    QCOMPARE(dsp.timingLength, expected.value("timingLength").toInt());
-    const QJsonArray units = expected.value("units_in_first_occurrence_order").toArray();
-    QCOMPARE(dsp.order.size(), units.size());
-    for (int i = 0; i < units.size(); ++i) {
-        const QJsonObject want = units[i].toObject();
-        const DecodedUnit& unit = dsp.units[dsp.order[i]];
-        QCOMPARE(unit.id, static_cast<quint64>(want.value("id").toDouble()));
-        QCOMPARE(unit.name, want.value("name").toString());
-        QCOMPARE(unit.groupId, static_cast<quint64>(want.value("groupId").toDouble()));
-        QCOMPARE(unit.sendTargetId, static_cast<quint64>(want.value("sendTargetId").toDouble()));
-        QCOMPARE(unit.active, want.value("active").toBool());
-        QCOMPARE(unit.bypass, want.value("bypass").toBool());
-        QCOMPARE(unit.exclusiveUsage, static_cast<quint32>(want.value("exclusiveUsage").toInt()));
-        QVector<int> levels;
-        for (const QJsonValue& level : want.value("levels").toArray())
-            levels.append(level.toInt());
-        QCOMPARE(unit.levels, levels);
-        QVector<DecodedInput> inputs;
-        for (const QJsonValue& value : want.value("inputs").toArray()) {
-            const QJsonObject input = value.toObject();
-            inputs.append({static_cast<quint64>(input.value("id").toDouble()), input.value("send").toBool(),
-                           input.value("sidechain").toBool()});
-        }
-        QCOMPARE(unit.inputs, inputs);
-    }
-}
-
-void TestDemoTarget::dspPacketMatchesEngine_data()
-{
-    QTest::addColumn<int>("version");
-    QTest::addColumn<int>("recordSize");
-    QTest::addColumn<int>("prologueSize");
-    QTest::newRow("v0") << 0 << 45 << 0;
-    QTest::newRow("v1") << 1 << 49 << 4;
-    QTest::newRow("v2") << 2 << 61 << 5;
-    QTest::newRow("v3") << 3 << 179 << 5;
-    QTest::newRow("v4") << 4 << 187 << 5;
-    QTest::newRow("v5") << 5 << 195 << 5;
-    QTest::newRow("v6") << 6 << 94 << 8;
-}
-
-void TestDemoTarget::dspPacketMatchesEngine()
-{
-    QFETCH(int, version);
-    QFETCH(int, recordSize);
-    QFETCH(int, prologueSize);
-    SimEngine engine(3, 60);
-    for (int i = 0; i < 40; ++i)
-        engine.step();
-    const SimNetwork& network = engine.getNetwork();
-    const QByteArray packet = PacketEncoder::encodeDSP(network, version);
-    const DecodedDSP dsp = decodeDSP(packet);
-
-    QVERIFY(dsp.ok);
-    QCOMPARE(packet.mid(8, 4), QByteArray::fromHex("0100").append(char(version)).append('\0'));
-    const QVector<int> reachable = reachableUnits(network);
-    // One record for the head and one for every input of every unit on the wire.
-    int records = 1;
-    for (int unit : reachable)
-        records += network.units[unit].inputs.size();
-    QCOMPARE(dsp.numRecords, records);
-    QCOMPARE(packet.size(), 12 + prologueSize + records * recordSize);
-    QCOMPARE(dsp.order.size(), reachable.size());
-    QCOMPARE(dsp.order.first(), wireId(network.units[network.head].id, version));
-    QCOMPARE(floatBits(dsp.cpuUsage), version >= 1 && version <= 5 ? floatBits(network.cpuUsage) : 0u);
-    QCOMPARE(dsp.timingRate, version == 6 ? 48000 : 0);
-    QCOMPARE(dsp.timingLength, version == 6 ? 1024 : 0);
-
-    for (int index : reachable) {
-        const SimUnit& unit = network.units[index];
-        QVERIFY(dsp.units.contains(wireId(unit.id, version)));
-        const DecodedUnit& got = dsp.units[wireId(unit.id, version)];
-        QCOMPARE(got.name, QString::fromUtf8(unit.name));
-        QCOMPARE(got.active, unit.active);
-        QCOMPARE(got.bypass, version >= 2 && unit.bypass);
-        QCOMPARE(got.exclusiveUsage, version >= 1 ? unit.exclusiveUsage : 0u);
-        QCOMPARE(got.groupId, version >= 4 ? unit.groupId : 0u);
-        QCOMPARE(got.sendTargetId, version >= 5 ? unit.sendTargetId : 0u);
-        QVector<int> levels;
-        for (qint8 level : unit.levels)
-            levels.append(version >= 3 ? level : -80);
-        QCOMPARE(got.levels, version >= 2 ? levels : QVector<int>());
-        QVector<DecodedInput> inputs;
-        for (const SimInput& input : unit.inputs)
-            inputs.append({wireId(network.units[input.unit].id, version), version == 6 && input.send,
-                           version == 6 && input.sidechain});
-        QCOMPARE(got.inputs, inputs);
-    }
-}
-
-void TestDemoTarget::groupPacketMatchesEngine()
-{
-    const SimEngine engine(5, 60);
-    PacketBuilder expected(7, 0, 0);
-    for (const SimGroup& group : engine.getNetwork().groups) {
-        const QByteArray guid = group.guid.toRfc4122(); // big-endian fields
-        expected.u64(group.id).u64(group.parentId);
-        expected.u32(qFromBigEndian<quint32>(guid.constData())).u16(qFromBigEndian<quint16>(guid.constData() + 4));
-        expected.u16(qFromBigEndian<quint16>(guid.constData() + 6)).raw(guid.mid(8)).zeros(4);
-        expected.fixedString(group.name, 260);
-    }
-    const QByteArray packet = PacketEncoder::encodeGroups(engine.getNetwork());
-    QCOMPARE(packet.size(), 12 + 296 * engine.getNetwork().groups.size());
-    QCOMPARE(packet.toHex(' '), expected.finish().toHex(' '));
-}
-
-// The expected bytes are built field by field from the layout tables.
-void TestDemoTarget::figurePackets_data()
-{
-    QTest::addColumn<QByteArray>("packet");
-    QTest::addColumn<QByteArray>("expected");
-    SimEngine engine(11, 60);
-    for (int i = 0; i < 25; ++i)
-        engine.step();
-    const SimFigures& f = engine.getFigures();
-    QTest::newRow("cpu v0") << PacketEncoder::encodeCPU(f, 0)
-                            << PacketBuilder(3, 0, 0).f32(f.dsp).f32(f.stream).f32(f.update).finish();
-    QTest::newRow("cpu v1") << PacketEncoder::encodeCPU(f, 1)
-                            << PacketBuilder(3, 0, 1).f32(f.dsp).f32(f.stream).f32(f.update).f32(f.geometry).finish();
-    QTest::newRow("channels") << PacketEncoder::encodeChannels(f)
-                              << PacketBuilder(4, 0, 0)
-                                     .i32(f.hardwareUsed).i32(f.hardwareCapacity)
-                                     .i32(f.softwareUsed).i32(f.softwareCapacity)
-                                     .i32(f.virtualUsed).i32(f.virtualCapacity)
-                                     .finish();
-    QTest::newRow("codecs") << PacketEncoder::encodeCodecs(f)
-                            << PacketBuilder(5, 0, 0)
-                                   .i32(f.codecUsed[CodecMPEG]).i32(f.codecCapacity[CodecMPEG])
-                                   .i32(f.codecUsed[CodecADPCM]).i32(f.codecCapacity[CodecADPCM])
-                                   .i32(f.codecUsed[CodecXMA]).i32(f.codecCapacity[CodecXMA])
-                                   .i32(f.codecUsed[CodecPCM]).i32(f.codecCapacity[CodecPCM])
-                                   .finish();
-    PacketBuilder stats(9, 0, 0);
-    stats.f32(f.dsp).f32(f.stream).f32(f.update).f32(f.geometry);
-    stats.i16(f.hardwareUsed + f.softwareUsed).i16(f.hardwareCapacity + f.softwareCapacity);
-    stats.i16(f.virtualUsed).i16(f.virtualCapacity);
-    for (int codec = 0; codec < NumCodecs; ++codec)
-        stats.i16(f.codecUsed[codec]).i16(f.codecCapacity[codec]);
-    stats.i32(f.memoryUsed).i32(f.memoryCapacity);
-    QTest::newRow("stats") << PacketEncoder::encodeStats(f) << stats.finish();
-}
-
-void TestDemoTarget::figurePackets()
-{
-    QFETCH(QByteArray, packet);
-    QFETCH(QByteArray, expected);
-    QCOMPARE(packet.toHex(' '), expected.toHex(' '));
-}
-
-void TestDemoTarget::networkFeatures_data()
-{
-    QTest::addColumn<int>("units");
-    QTest::newRow("default") << 60;
-    QTest::newRow("thousand") << 1000;
-    QTest::newRow("load test") << 100000;
-}
-
-void TestDemoTarget::networkFeatures()
-{
-    QFETCH(int, units);
-    QElapsedTimer timer;
-    timer.start();
-    const SimEngine engine(2, units);
-    const QByteArray packet = PacketEncoder::encodeDSP(engine.getNetwork(), 6);
-    const qint64 elapsedMs = timer.elapsed();
-    qInfo("%d units built and encoded in %lld ms", units, elapsedMs);
-    QVERIFY(elapsedMs < 10000); // a quadratic step would take minutes at 100000
-
-    const SimNetwork& network = engine.getNetwork();
-    const QVector<int> reachable = reachableUnits(network);
-    QVERIFY(reachable.size() >= units * 3 / 4 && reachable.size() <= units);
-    QCOMPARE(network.units[network.head].name, QByteArray("Master"));
-    const DecodedDSP dsp = decodeDSP(packet);
-    QVERIFY(dsp.ok);
-    QVERIFY(!dsp.hasCycle);
-
-    QHash<quint64, quint64> parentOf{{0, 0}};
-    for (const SimGroup& group : network.groups) {
-        QVERIFY(!group.guid.isNull());
-        parentOf.insert(group.id, group.parentId);
-    }
-    int deepestGroup = 0;
-    for (const SimGroup& group : network.groups) {
-        QVERIFY(parentOf.contains(group.parentId));
-        int depth = 0;
-        for (quint64 id = group.id; id != 0 && depth < 10; id = parentOf.value(id))
-            ++depth;
-        deepestGroup = qMax(deepestGroup, depth);
-    }
-    QVERIFY(deepestGroup >= 3 && deepestGroup <= 4);
-
-    QHash<int, int> consumers;
-    QHash<int, int> plainConsumers; // through inputs that are neither sends nor sidechains
-    int inactive = 0, bypassed = 0, sidechains = 0, channels = 0, sendsToReturns = 0;
-    for (int index : reachable) {
-        const SimUnit& unit = network.units[index];
-        QVERIFY(parentOf.contains(unit.groupId));
-        QVERIFY(unit.name.size() <= 31);
-        QVERIFY(unit.inputs.size() <= 65535);
-        inactive += unit.active ? 0 : 1;
-        bypassed += unit.bypass ? 1 : 0;
-        channels += unit.name.startsWith("Channel ") ? 1 : 0;
-        for (const SimInput& input : unit.inputs) {
-            ++consumers[input.unit];
-            plainConsumers[input.unit] += input.send || input.sidechain ? 0 : 1;
-            sidechains += input.sidechain && unit.name == "Compressor" ? 1 : 0;
-            const SimUnit& source = network.units[input.unit];
-            if (input.send && source.sendTargetId == unit.id && unit.name.contains("Return"))
-                ++sendsToReturns;
-        }
-    }
-    QVERIFY(inactive > 0);
-    QVERIFY(bypassed > 0);
-    QVERIFY(sidechains > 0);
-    QVERIFY(sendsToReturns > 0);
-    QVERIFY(channels > 0);
-    int feedsTwo = 0;
-    for (int count : qAsConst(consumers))
-        feedsTwo += count >= 2 ? 1 : 0;
-    QVERIFY(feedsTwo > sendsToReturns); // sidechain sources also feed two consumers
-    int sharedPlainly = 0;
-    for (int count : qAsConst(plainConsumers))
-        sharedPlainly += count >= 2 ? 1 : 0;
-    QVERIFY(sharedPlainly > 0);
-
-    // Version 6 shares come out as a few percent per unit at most, and the
-    // older layouts' whole-network figure is what the head's share adds up to.
-    if (units == 60) {
-        const float blockMicroseconds = 1024 * 1000.0f * 1000.0f / 48000;
-        quint32 total = 0;
-        for (int index : reachable) {
-            QVERIFY(network.units[index].exclusiveUsage / blockMicroseconds < 0.08f);
-            total += network.units[index].exclusiveUsage;
-        }
-        QCOMPARE(floatBits(network.cpuUsage), floatBits(total / blockMicroseconds));
-        QVERIFY2(network.cpuUsage > 0.05f && network.cpuUsage < 0.6f, qPrintable(QString::number(network.cpuUsage)));
-    }
-}
-
-namespace
-{
-
-QSet<quint64> playingChannels(const SimNetwork& network)
-{
-    QSet<quint64> ids;
-    for (int index : reachableUnits(network)) {
-        if (network.units[index].name.startsWith("Channel "))
-            ids.insert(network.units[index].id);
-    }
-    return ids;
-}
-
-} // namespace
-
-namespace
-{
 
 // Where the profiler puts each unit, with every input shown: a unit is placed
 // at its first visit, walking inputs in order; its first new input shares its
@@ -672,6 +359,262 @@ MixPicture drawMix(const SimNetwork& network)
 }
 
 } // namespace
+
+class TestDemoTarget : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void referenceVectorsDecode_data();
+    void referenceVectorsDecode();
+    void dspPacketMatchesEngine_data();
+    void dspPacketMatchesEngine();
+    void figurePackets_data();
+    void figurePackets();
+    void networkFeatures_data();
+    void networkFeatures();
+    void mixReadsAsATree_data();
+    void mixReadsAsATree();
+    void simulationMovesDeterministically();
+    void shapes_data();
+    void shapes();
+    void serverStreams_data();
+    void serverStreams();
+    void commandsChangeNextSnapshot_data();
+    void commandsChangeNextSnapshot();
+    void commandStringsAreReported_data();
+    void commandStringsAreReported();
+    void brokenInput_data();
+    void brokenInput();
+};
+
+// Anchors the decoder above to an encoder written elsewhere, so a layout
+// mistake cannot hide by being made the same way twice.
+void TestDemoTarget::referenceVectorsDecode_data()
+{
+    QTest::addColumn<int>("version");
+    for (int version = 0; version <= 6; ++version)
+        QTest::addRow("dsp-v%d", version) << version;
+}
+
+void TestDemoTarget::referenceVectorsDecode()
+{
+    QFETCH(int, version);
+    const DecodedDSP dsp = decodeDSP(readTestData(QStringLiteral("dsp-v%1.bin").arg(version)));
+    const QJsonObject expected =
+        QJsonDocument::fromJson(readTestData(QStringLiteral("dsp-v%1.json").arg(version))).object();
+    auto id = [](const QJsonValue& value) { return static_cast<quint64>(value.toDouble()); };
+    QVERIFY(dsp.ok);
+    QCOMPARE(floatBits(dsp.cpuUsage), expected["cpuUsage"].toObject()["bits"].toString().toUInt(nullptr, 16));
+    QCOMPARE(dsp.timingRate, expected["timingRate"].toInt());
+    QCOMPARE(dsp.timingLength, expected["timingLength"].toInt());
+    const QJsonArray units = expected["units_in_first_occurrence_order"].toArray();
+    QCOMPARE(dsp.order.size(), units.size());
+    for (int i = 0; i < units.size(); ++i) {
+        const QJsonObject unit = units[i].toObject();
+        DecodedUnit want;
+        want.id = id(unit["id"]);
+        want.name = unit["name"].toString();
+        want.groupId = id(unit["groupId"]);
+        want.sendTargetId = id(unit["sendTargetId"]);
+        want.active = unit["active"].toBool();
+        want.bypass = unit["bypass"].toBool();
+        want.exclusiveUsage = static_cast<quint32>(unit["exclusiveUsage"].toInt());
+        for (const QJsonValue& level : unit["levels"].toArray())
+            want.levels.append(level.toInt());
+        for (const QJsonValue& value : unit["inputs"].toArray()) {
+            const QJsonObject input = value.toObject();
+            want.inputs.append({id(input["id"]), input["send"].toBool(), input["sidechain"].toBool()});
+        }
+        QCOMPARE(describe(dsp.units[dsp.order[i]]), describe(want));
+    }
+}
+
+void TestDemoTarget::dspPacketMatchesEngine_data()
+{
+    QTest::addColumn<int>("version");
+    QTest::addColumn<int>("recordSize");
+    QTest::addColumn<int>("prologueSize");
+    QTest::newRow("v0") << 0 << 45 << 0;
+    QTest::newRow("v1") << 1 << 49 << 4;
+    QTest::newRow("v2") << 2 << 61 << 5;
+    QTest::newRow("v3") << 3 << 179 << 5;
+    QTest::newRow("v4") << 4 << 187 << 5;
+    QTest::newRow("v5") << 5 << 195 << 5;
+    QTest::newRow("v6") << 6 << 94 << 8;
+}
+
+void TestDemoTarget::dspPacketMatchesEngine()
+{
+    QFETCH(int, version);
+    QFETCH(int, recordSize);
+    QFETCH(int, prologueSize);
+    SimEngine engine(3, 60);
+    for (int i = 0; i < 40; ++i)
+        engine.step();
+    const SimNetwork& network = engine.getNetwork();
+    const QByteArray packet = PacketEncoder::encodeDSP(network, version);
+    const DecodedDSP dsp = decodeDSP(packet);
+
+    QVERIFY(dsp.ok);
+    QCOMPARE(packet.mid(8, 4), QByteArray::fromHex("0100").append(char(version)).append('\0'));
+    const QVector<int> reachable = reachableUnits(network);
+    int records = 1; // the head's, then one per input of every unit on the wire
+    for (int unit : reachable)
+        records += network.units[unit].inputs.size();
+    QCOMPARE(dsp.numRecords, records);
+    QCOMPARE(packet.size(), 12 + prologueSize + records * recordSize);
+    QCOMPARE(dsp.order.size(), reachable.size());
+    QCOMPARE(dsp.order.first(), wireId(network.units[network.head].id, version));
+    QCOMPARE(floatBits(dsp.cpuUsage), version >= 1 && version <= 5 ? floatBits(network.cpuUsage) : 0u);
+    QCOMPARE(dsp.timingRate, version == 6 ? 48000 : 0);
+    QCOMPARE(dsp.timingLength, version == 6 ? 1024 : 0);
+
+    for (int index : reachable) {
+        const SimUnit& unit = network.units[index];
+        DecodedUnit want;
+        want.id = wireId(unit.id, version);
+        want.name = QString::fromUtf8(unit.name);
+        want.active = unit.active;
+        want.bypass = version >= 2 && unit.bypass;
+        want.exclusiveUsage = version >= 1 ? unit.exclusiveUsage : 0u;
+        want.groupId = version >= 4 ? unit.groupId : 0u;
+        want.sendTargetId = version >= 5 ? unit.sendTargetId : 0u;
+        for (int i = 0; version >= 2 && i < unit.levels.size(); ++i)
+            want.levels.append(version >= 3 ? unit.levels[i] : -80);
+        for (const SimInput& input : unit.inputs)
+            want.inputs.append({wireId(network.units[input.unit].id, version), version == 6 && input.send,
+                                version == 6 && input.sidechain});
+        QVERIFY(dsp.units.contains(want.id));
+        QCOMPARE(describe(dsp.units[want.id]), describe(want));
+    }
+}
+
+// The expected bytes are built field by field from the layout tables.
+void TestDemoTarget::figurePackets_data()
+{
+    QTest::addColumn<QByteArray>("packet");
+    QTest::addColumn<QByteArray>("expected");
+    SimEngine engine(11, 60);
+    for (int i = 0; i < 25; ++i)
+        engine.step();
+    const SimFigures& f = engine.getFigures();
+    QTest::newRow("cpu v0") << PacketEncoder::encodeCPU(f, 0)
+                            << PacketBuilder(3, 0, 0).f32(f.dsp).f32(f.stream).f32(f.update).finish();
+    QTest::newRow("cpu v1") << PacketEncoder::encodeCPU(f, 1)
+                            << PacketBuilder(3, 0, 1).f32(f.dsp).f32(f.stream).f32(f.update).f32(f.geometry).finish();
+    QTest::newRow("channels") << PacketEncoder::encodeChannels(f)
+                              << PacketBuilder(4, 0, 0)
+                                     .i32(f.hardwareUsed).i32(f.hardwareCapacity)
+                                     .i32(f.softwareUsed).i32(f.softwareCapacity)
+                                     .i32(f.virtualUsed).i32(f.virtualCapacity)
+                                     .finish();
+    PacketBuilder codecs(5, 0, 0);
+    for (int codec : {CodecMPEG, CodecADPCM, CodecXMA, CodecPCM})
+        codecs.i32(f.codecUsed[codec]).i32(f.codecCapacity[codec]);
+    QTest::newRow("codecs") << PacketEncoder::encodeCodecs(f) << codecs.finish();
+    PacketBuilder stats(9, 0, 0);
+    stats.f32(f.dsp).f32(f.stream).f32(f.update).f32(f.geometry);
+    stats.i16(f.hardwareUsed + f.softwareUsed).i16(f.hardwareCapacity + f.softwareCapacity);
+    stats.i16(f.virtualUsed).i16(f.virtualCapacity);
+    for (int codec = 0; codec < NumCodecs; ++codec)
+        stats.i16(f.codecUsed[codec]).i16(f.codecCapacity[codec]);
+    QTest::newRow("stats") << PacketEncoder::encodeStats(f) << stats.i32(f.memoryUsed).i32(f.memoryCapacity).finish();
+    PacketBuilder groups(7, 0, 0); // 296-byte records
+    for (const SimGroup& group : engine.getNetwork().groups) {
+        const QByteArray guid = group.guid.toRfc4122(); // big-endian fields
+        groups.u64(group.id).u64(group.parentId);
+        groups.u32(qFromBigEndian<quint32>(guid.constData())).u16(qFromBigEndian<quint16>(guid.constData() + 4));
+        groups.u16(qFromBigEndian<quint16>(guid.constData() + 6)).raw(guid.mid(8)).zeros(4);
+        groups.fixedString(group.name, 260);
+    }
+    QTest::newRow("groups") << PacketEncoder::encodeGroups(engine.getNetwork()) << groups.finish();
+}
+
+void TestDemoTarget::figurePackets()
+{
+    QFETCH(QByteArray, packet);
+    QFETCH(QByteArray, expected);
+    QCOMPARE(packet.toHex(' '), expected.toHex(' '));
+}
+
+void TestDemoTarget::networkFeatures_data()
+{
+    QTest::addColumn<int>("units");
+    QTest::newRow("default") << 60;
+    QTest::newRow("thousand") << 1000;
+    QTest::newRow("load test") << 100000;
+}
+
+void TestDemoTarget::networkFeatures()
+{
+    QFETCH(int, units);
+    QElapsedTimer timer;
+    timer.start();
+    const SimEngine engine(2, units);
+    const QByteArray packet = PacketEncoder::encodeDSP(engine.getNetwork(), 6);
+    QVERIFY(timer.elapsed() < 10000); // a quadratic step would take minutes at 100000
+
+    const SimNetwork& network = engine.getNetwork();
+    const QVector<int> reachable = reachableUnits(network);
+    QVERIFY(reachable.size() >= units * 3 / 4 && reachable.size() <= units);
+    QCOMPARE(network.units[network.head].name, QByteArray("Master"));
+    const DecodedDSP dsp = decodeDSP(packet);
+    QVERIFY(dsp.ok && !dsp.hasCycle);
+
+    QHash<quint64, quint64> parentOf{{0, 0}};
+    for (const SimGroup& group : network.groups) {
+        QVERIFY(!group.guid.isNull());
+        parentOf.insert(group.id, group.parentId);
+    }
+    int deepestGroup = 0;
+    for (const SimGroup& group : network.groups) {
+        QVERIFY(parentOf.contains(group.parentId));
+        int depth = 0;
+        for (quint64 id = group.id; id != 0 && depth < 10; id = parentOf.value(id))
+            ++depth;
+        deepestGroup = qMax(deepestGroup, depth);
+    }
+    QVERIFY(deepestGroup >= 3 && deepestGroup <= 4);
+
+    QHash<int, int> consumers, plainConsumers; // plain: through inputs that are neither sends nor sidechains
+    int inactive = 0, bypassed = 0, sidechains = 0, channels = 0, sendsToReturns = 0;
+    for (int index : reachable) {
+        const SimUnit& unit = network.units[index];
+        QVERIFY(parentOf.contains(unit.groupId) && unit.name.size() <= 31 && unit.inputs.size() <= 65535);
+        inactive += unit.active ? 0 : 1;
+        bypassed += unit.bypass ? 1 : 0;
+        channels += unit.name.startsWith("Channel ") ? 1 : 0;
+        for (const SimInput& input : unit.inputs) {
+            ++consumers[input.unit];
+            plainConsumers[input.unit] += input.send || input.sidechain ? 0 : 1;
+            sidechains += input.sidechain && unit.name == "Compressor" ? 1 : 0;
+            sendsToReturns += input.send && network.units[input.unit].sendTargetId == unit.id
+                && unit.name.contains("Return");
+        }
+    }
+    QVERIFY(inactive > 0 && bypassed > 0 && sidechains > 0 && sendsToReturns > 0 && channels > 0);
+    int feedsTwo = 0, sharedPlainly = 0;
+    for (int count : qAsConst(consumers))
+        feedsTwo += count >= 2 ? 1 : 0;
+    for (int count : qAsConst(plainConsumers))
+        sharedPlainly += count >= 2 ? 1 : 0;
+    QVERIFY(feedsTwo > sendsToReturns); // sidechain sources also feed two consumers
+    QVERIFY(sharedPlainly > 0);
+
+    // Version 6 shares come out as a few percent per unit at most, and the
+    // older layouts' whole-network figure is what the head's share adds up to.
+    if (units == 60) {
+        const float blockMicroseconds = 1024 * 1000.0f * 1000.0f / 48000;
+        quint32 total = 0;
+        for (int index : reachable) {
+            QVERIFY(network.units[index].exclusiveUsage / blockMicroseconds < 0.08f);
+            total += network.units[index].exclusiveUsage;
+        }
+        QCOMPARE(floatBits(network.cpuUsage), floatBits(total / blockMicroseconds));
+        QVERIFY2(network.cpuUsage > 0.05f && network.cpuUsage < 0.6f, qPrintable(QString::number(network.cpuUsage)));
+    }
+}
 
 void TestDemoTarget::mixReadsAsATree_data()
 {
@@ -752,14 +695,11 @@ void TestDemoTarget::mixReadsAsATree()
 
 void TestDemoTarget::simulationMovesDeterministically()
 {
-    SimEngine first(7, 60);
-    SimEngine same(7, 60);
-    SimEngine other(8, 60);
+    SimEngine first(7, 60), same(7, 60), other(8, 60);
     const SimNetwork& network = first.getNetwork();
     const QVector<qint8> masterLevelsAtStart = network.units[network.head].levels;
     QSet<quint64> channels = playingChannels(network);
-    int started = 0;
-    int stopped = 0;
+    int started = 0, stopped = 0;
     QSet<qint32> virtualCounts;
     for (int step = 0; step < 200; ++step) {
         first.step();
@@ -792,12 +732,13 @@ void TestDemoTarget::shapes_data()
     QTest::addColumn<int>("shape");
     QTest::addColumn<int>("units");
     QTest::addColumn<bool>("cycle");
-    QTest::addColumn<int>("feedingTwo");
-    QTest::newRow("tree") << int(DSPShapes::DSPShape::Tree) << 500 << false << -1;
-    QTest::newRow("tree of one") << int(DSPShapes::DSPShape::Tree) << 1 << false << 0;
-    QTest::newRow("ladder, whole rungs") << int(DSPShapes::DSPShape::DiamondLadder) << 1001 << false << 998;
-    QTest::newRow("ladder, half rung") << int(DSPShapes::DSPShape::DiamondLadder) << 1000 << false << 997;
-    QTest::newRow("deep ladder") << int(DSPShapes::DSPShape::DiamondLadder) << 20001 << false << 19998;
+    QTest::addColumn<int>("feedingTwo"); // -1: not counted
+    const int tree = int(DSPShapes::DSPShape::Tree), ladder = int(DSPShapes::DSPShape::DiamondLadder);
+    QTest::newRow("tree") << tree << 500 << false << -1;
+    QTest::newRow("tree of one") << tree << 1 << false << 0;
+    QTest::newRow("ladder, whole rungs") << ladder << 1001 << false << 998;
+    QTest::newRow("ladder, half rung") << ladder << 1000 << false << 997;
+    QTest::newRow("deep ladder") << ladder << 20001 << false << 19998;
     QTest::newRow("cycles") << int(DSPShapes::DSPShape::Cycles) << 800 << true << -1;
 }
 
@@ -812,17 +753,13 @@ void TestDemoTarget::shapes()
     QCOMPARE(dsp.version, 6);
     QCOMPARE(dsp.order.size(), units);
     QCOMPARE(dsp.hasCycle, cycle);
-    if (feedingTwo < 0)
-        return;
     QHash<quint64, int> consumers;
     for (const DecodedUnit& unit : dsp.units) {
         for (const DecodedInput& input : unit.inputs)
             ++consumers[input.id];
     }
-    int feeding = 0;
-    for (int count : qAsConst(consumers))
-        feeding += count == 2 ? 1 : 0;
-    QCOMPARE(feeding, feedingTwo);
+    if (feedingTwo >= 0)
+        QCOMPARE(consumers.values().count(2), feedingTwo);
 }
 
 void TestDemoTarget::serverStreams_data()
@@ -832,16 +769,20 @@ void TestDemoTarget::serverStreams_data()
     QTest::addColumn<int>("cpuVersion");
     QTest::addColumn<int>("version");
     QTest::addColumn<int>("size"); // 0: checked by decoding
-    QTest::newRow("dsp v6") << 1 << 6 << 1 << 6 << 0;
-    QTest::newRow("dsp v0") << 1 << 0 << 1 << 0 << 0;
-    QTest::newRow("cpu v1") << 3 << 6 << 1 << 1 << 28;
-    QTest::newRow("cpu v0") << 3 << 6 << 0 << 0 << 24;
-    QTest::newRow("channels") << 4 << 6 << 1 << 0 << 36;
-    QTest::newRow("codecs") << 5 << 6 << 1 << 0 << 44;
-    QTest::newRow("groups") << 7 << 6 << 1 << 0 << 0;
-    QTest::newRow("stats") << 9 << 6 << 1 << 0 << 72;
+    QTest::addColumn<double>("rate");
+    QTest::newRow("dsp v6") << 1 << 6 << 1 << 6 << 0 << 1.0;
+    QTest::newRow("dsp v0") << 1 << 0 << 1 << 0 << 0 << 1.0;
+    QTest::newRow("cpu v1") << 3 << 6 << 1 << 1 << 28 << 1.0;
+    QTest::newRow("cpu v0") << 3 << 6 << 0 << 0 << 24 << 1.0;
+    QTest::newRow("cpu, 20 times as often") << 3 << 6 << 1 << 1 << 28 << 20.0;
+    QTest::newRow("channels") << 4 << 6 << 1 << 0 << 36 << 1.0;
+    QTest::newRow("codecs") << 5 << 6 << 1 << 0 << 44 << 1.0;
+    QTest::newRow("groups") << 7 << 6 << 1 << 0 << 0 << 1.0;
+    QTest::newRow("stats") << 9 << 6 << 1 << 0 << 72 << 1.0;
 }
 
+// Six packets at 20 ms (after the rate multiplier), then interval 0 stops the
+// stream: a request of another type acts as a marker, after which none may come.
 void TestDemoTarget::serverStreams()
 {
     QFETCH(int, type);
@@ -849,55 +790,34 @@ void TestDemoTarget::serverStreams()
     QFETCH(int, cpuVersion);
     QFETCH(int, version);
     QFETCH(int, size);
+    QFETCH(double, rate);
     TargetSettings settings;
     settings.dspVersion = dspVersion;
     settings.cpuVersion = cpuVersion;
-    TargetServer server(settings);
-    QVERIFY(server.listen(QHostAddress::LocalHost, 0));
-    TestClient client(server.getPort());
-    QVERIFY(client.waitConnected());
-    client.send(request(static_cast<quint8>(type), 20));
-    for (int i = 0; i < 3; ++i) {
-        const QByteArray packet = client.next(static_cast<quint8>(type));
+    settings.rateMultiplier = rate;
+    Session s(settings);
+    QVERIFY(s.ready());
+    QElapsedTimer timer;
+    timer.start();
+    s.client.send(request(static_cast<quint8>(type), static_cast<quint32>(20 * rate)));
+    for (int i = 0; i < 6; ++i) {
+        const QByteArray packet = s.client.next(static_cast<quint8>(type));
         QVERIFY(!packet.isEmpty());
         QCOMPARE(static_cast<int>(packet[9]), 0);
         QCOMPARE(static_cast<int>(packet[10]), version);
         if (size != 0)
             QCOMPARE(packet.size(), size);
         else if (type == 7)
-            QCOMPARE(packet.size(), 12 + 296 * server.getEngine().getNetwork().groups.size());
+            QCOMPARE(packet.size(), 12 + 296 * s.server.getEngine().getNetwork().groups.size());
         else
             QVERIFY(decodeDSP(packet).ok);
     }
-}
-
-// A channel request acts as a marker: once its answer arrives, the stop before
-// it has been handled, and no CPU packet may follow.
-void TestDemoTarget::intervalZeroStopsStream()
-{
-    TargetServer server{TargetSettings()};
-    QVERIFY(server.listen(QHostAddress::LocalHost, 0));
-    TestClient client(server.getPort());
-    QVERIFY(client.waitConnected());
-    client.send(request(3, 10));
-    QVERIFY(QTest::qWaitFor([&]() { return client.count(3) >= 3; }, 3000));
-    client.send(request(3, 0) + request(4, 60000));
-    QVERIFY(!client.next(4).isEmpty());
+    QVERIFY(timer.elapsed() < 1000);
+    const quint8 marker = type == 4 ? 5 : 4;
+    s.client.send(request(static_cast<quint8>(type), 0) + request(marker, 60000));
+    QVERIFY(!s.client.next(marker).isEmpty());
     QTest::qWait(100);
-    QCOMPARE(client.count(3), 0);
-}
-
-void TestDemoTarget::rateMultiplierSpeedsStreams()
-{
-    TargetSettings settings;
-    settings.rateMultiplier = 20.0;
-    TargetServer server(settings);
-    QVERIFY(server.listen(QHostAddress::LocalHost, 0));
-    TestClient client(server.getPort());
-    QVERIFY(client.waitConnected());
-    client.send(request(3, 400)); // every 20 ms
-    // Unmultiplied, a second would bring three packets.
-    QVERIFY(QTest::qWaitFor([&]() { return client.count(3) >= 6; }, 1000));
+    QCOMPARE(s.client.count(static_cast<quint8>(type)), 0);
 }
 
 void TestDemoTarget::commandsChangeNextSnapshot_data()
@@ -912,16 +832,14 @@ void TestDemoTarget::commandsChangeNextSnapshot_data()
 void TestDemoTarget::commandsChangeNextSnapshot()
 {
     QFETCH(int, subtype);
-    TargetServer server{TargetSettings()};
-    QVERIFY(server.listen(QHostAddress::LocalHost, 0));
-    TestClient client(server.getPort());
-    QVERIFY(client.waitConnected());
+    Session s;
+    QVERIFY(s.ready());
     auto snapshot = [&]() {
-        client.send(request(1, 60000));
-        return decodeDSP(client.next(1));
+        s.client.send(request(1, 60000));
+        return decodeDSP(s.client.next(1));
     };
     auto command = [&](quint64 id, bool state) {
-        client.send(PacketBuilder(1, static_cast<quint8>(subtype), 6).u64(id).u8(state ? 1 : 0).finish());
+        s.client.send(PacketBuilder(1, static_cast<quint8>(subtype), 6).u64(id).u8(state ? 1 : 0).finish());
     };
     auto state = [&](const DecodedDSP& dsp, quint64 id) {
         return subtype == 2 ? dsp.units[id].active : dsp.units[id].bypass;
@@ -948,13 +866,11 @@ void TestDemoTarget::commandStringsAreReported_data()
     QTest::addColumn<QByteArray>("packet");
     QTest::addColumn<int>("type");
     QTest::addColumn<QString>("text");
-    const QByteArray longText(200, 'x');
-    QTest::newRow("dsp") << PacketBuilder(1, 1, 6).fixedString("Show Reverb", 128).finish() << 1
-                         << "Show Reverb";
+    QTest::newRow("dsp") << PacketBuilder(1, 1, 6).fixedString("Show Reverb", 128).finish() << 1 << "Show Reverb";
     QTest::newRow("group utf-8") << PacketBuilder(7, 1, 0).fixedString("show m\xc3\xbcsic", 128).finish() << 7
                                  << QString::fromUtf8("show m\xc3\xbcsic");
     QTest::newRow("field without terminator")
-        << PacketBuilder(7, 1, 0).fixedString(longText, 128).finish() << 7 << QString(128, 'x');
+        << PacketBuilder(7, 1, 0).fixedString(QByteArray(200, 'x'), 128).finish() << 7 << QString(128, 'x');
     QTest::newRow("short packet") << PacketBuilder(1, 1, 6).raw("Show").finish() << 1 << "Show";
 }
 
@@ -963,12 +879,10 @@ void TestDemoTarget::commandStringsAreReported()
     QFETCH(QByteArray, packet);
     QFETCH(int, type);
     QFETCH(QString, text);
-    TargetServer server{TargetSettings()};
-    QVERIFY(server.listen(QHostAddress::LocalHost, 0));
-    QSignalSpy spy(&server, &TargetServer::commandStringReceived);
-    TestClient client(server.getPort());
-    QVERIFY(client.waitConnected());
-    client.send(packet);
+    Session s;
+    QSignalSpy spy(&s.server, &TargetServer::commandStringReceived);
+    QVERIFY(s.ready());
+    s.client.send(packet);
     QVERIFY(spy.wait(3000));
     QCOMPARE(spy.count(), 1);
     QCOMPARE(spy.first().at(0).toInt(), type);
@@ -979,10 +893,8 @@ void TestDemoTarget::brokenInput_data()
 {
     QTest::addColumn<QByteArray>("bytes");
     QTest::addColumn<bool>("closes");
-    QTest::newRow("size 0") << PacketBuilder(0, 0, 0).finishWithSize(0) << true;
-    QTest::newRow("size 11") << PacketBuilder(0, 0, 0).finishWithSize(11) << true;
-    QTest::newRow("size 70000") << PacketBuilder(0, 0, 0).finishWithSize(70000) << true;
-    QTest::newRow("size 0xffffffff") << PacketBuilder(0, 0, 0).finishWithSize(0xffffffffu) << true;
+    for (quint32 size : {0u, 11u, 70000u, 0xffffffffu})
+        QTest::addRow("size %u", size) << PacketBuilder(0, 0, 0).finishWithSize(size) << true;
     QTest::newRow("unknown type") << PacketBuilder(2, 0, 0).u32(1).finish() << false;
     QTest::newRow("unknown stream") << request(6, 10) << false;
     QTest::newRow("stream subtype 1") << PacketBuilder(0, 0, 0).u8(3).u8(1).u32(10).finish() << false;
@@ -998,23 +910,20 @@ void TestDemoTarget::brokenInput()
 {
     QFETCH(QByteArray, bytes);
     QFETCH(bool, closes);
-    TargetServer server{TargetSettings()};
-    QVERIFY(server.listen(QHostAddress::LocalHost, 0));
-    TestClient bystander(server.getPort());
-    TestClient client(server.getPort());
-    QVERIFY(bystander.waitConnected());
-    QVERIFY(client.waitConnected());
-    QVERIFY(QTest::qWaitFor([&]() { return server.getNumConnections() == 2; }, 3000));
+    Session s;
+    TestClient bystander(s.server.getPort());
+    QVERIFY(s.ready() && bystander.waitConnected());
+    QVERIFY(QTest::qWaitFor([&]() { return s.server.getNumConnections() == 2; }, 3000));
     bystander.send(request(3, 10));
 
-    client.send(bytes + request(4, 60000));
+    s.client.send(bytes + request(4, 60000));
     if (closes) {
-        QVERIFY(QTest::qWaitFor([&]() { return client.socket.state() == QAbstractSocket::UnconnectedState; }));
-        QCOMPARE(client.count(4), 0);
-        QVERIFY(QTest::qWaitFor([&]() { return server.getNumConnections() == 1; }, 3000));
+        QVERIFY(QTest::qWaitFor([&]() { return s.client.socket.state() == QAbstractSocket::UnconnectedState; }));
+        QCOMPARE(s.client.count(4), 0);
+        QVERIFY(QTest::qWaitFor([&]() { return s.server.getNumConnections() == 1; }, 3000));
     } else {
-        QVERIFY(!client.next(4).isEmpty());
-        QCOMPARE(server.getNumConnections(), 2);
+        QVERIFY(!s.client.next(4).isEmpty());
+        QCOMPARE(s.server.getNumConnections(), 2);
     }
     const int before = bystander.count(3);
     QVERIFY(QTest::qWaitFor([&]() { return bystander.count(3) > before + 2; }, 3000));

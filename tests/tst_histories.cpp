@@ -23,6 +23,8 @@ enum Kind { Cpu, Channels, Codecs, Stats, KindCount };
 const quint8 KindType[KindCount] = { 3, 4, 5, 9 };
 // No collector takes this type: it stays queued and marks the end of a send.
 const quint8 MarkerType = 8;
+// What the snapshots test reads besides a statistics record (index >= 0).
+enum Probe { ChannelFields = -1, ChannelMax = -2, CodecMax = -3, StatsMax = -4 };
 
 const QString OldVersion = QStringLiteral("Connected. (Old version detected, reduced functionality)");
 const QString Incompatible = QStringLiteral("Connected. (Incompatible version detected, reduced functionality)");
@@ -30,6 +32,7 @@ const QString Truncated = QStringLiteral("Connected. (Truncated packet dropped)"
 
 using Batches = QList<QByteArray>;
 
+// Floats compare as their bits, written as in the test vectors.
 QString bits(float value)
 {
     quint32 raw;
@@ -39,61 +42,51 @@ QString bits(float value)
 
 QString jsonBits(const QJsonValue& value)
 {
-    const quint32 raw = value.toObject().value("bits").toString().toUInt(nullptr, 0);
-    return QStringLiteral("0x%1").arg(raw, 8, 16, QLatin1Char('0'));
+    return value.toObject().value("bits").toString();
 }
 
-QByteArray cpuPacket(float dsp, quint8 version = 1, float stream = 0, float update = 0, float geometry = 0)
+QStringList floats(const QList<float>& values)
+{
+    QStringList list;
+    for (float value : values)
+        list << bits(value);
+    return list;
+}
+
+QStringList ints(const QList<int>& values)
+{
+    QStringList list;
+    for (int value : values)
+        list << QString::number(value);
+    return list;
+}
+
+QByteArray cpuPacket(float dsp, quint8 version = 1)
 {
     PacketBuilder packet(KindType[Cpu], 0, version);
-    packet.f32(dsp).f32(stream).f32(update);
-    if (version != 0)
-        packet.f32(geometry);
-    return packet.finish();
+    packet.f32(dsp).f32(2).f32(3);
+    return (version != 0 ? packet.f32(4) : packet).finish();
 }
 
-QByteArray intsPacket(Kind kind, const QList<int>& ints, quint8 version = 0)
+QByteArray intsPacket(Kind kind, const QList<int>& values, quint8 version = 0)
 {
     PacketBuilder packet(KindType[kind], 0, version);
-    for (int value : ints)
+    for (int value : values)
         packet.i32(value);
     return packet.finish();
 }
 
-// The statistics payload: CPU shares in wire order, (in use, capacity) pairs
-// for real, virtual and the seven codec pools, then memory.
-struct StatsFields
+// CPU shares, (in use, capacity) pairs for real, virtual and the seven codec
+// pools (ADPCM, TADPCM, MPEG, Vorbis, XMA, AT9, PCM), then memory.
+QByteArray statsPacket(const QList<float>& cpu = {}, const QList<int>& pairs = {}, qint32 memory = 0,
+                       qint32 memoryCapacity = 0, quint8 version = 0)
 {
-    enum Pair { Real, Virtual, ADPCM, TADPCM, MPEG, Vorbis, XMA, AT9, PCM, PairCount };
-
-    float dsp = 0, stream = 0, update = 0, geometry = 0;
-    qint16 used[PairCount] = {};
-    qint16 capacity[PairCount] = {};
-    qint32 memory = 0, memoryCapacity = 0;
-
-    QByteArray packet(quint8 version = 0) const
-    {
-        PacketBuilder builder(KindType[Stats], 0, version);
-        builder.f32(dsp).f32(stream).f32(update).f32(geometry);
-        for (int i = 0; i < PairCount; ++i)
-            builder.i16(used[i]).i16(capacity[i]);
-        return builder.i32(memory).i32(memoryCapacity).finish();
-    }
-};
-
-QByteArray statsPair(StatsFields::Pair pair, qint16 used, qint16 capacity)
-{
-    StatsFields fields;
-    fields.used[pair] = used;
-    fields.capacity[pair] = capacity;
-    return fields.packet();
-}
-
-QByteArray statsDsp(float dsp, quint8 version = 0)
-{
-    StatsFields fields;
-    fields.dsp = dsp;
-    return fields.packet(version);
+    PacketBuilder packet(KindType[Stats], 0, version);
+    for (int i = 0; i < 4; ++i)
+        packet.f32(cpu.value(i));
+    for (int i = 0; i < 18; ++i)
+        packet.i16(qint16(pairs.value(i)));
+    return packet.i32(memory).i32(memoryCapacity).finish();
 }
 
 // The first `size` bytes of a packet, with the size field saying so.
@@ -130,13 +123,6 @@ struct Collectors
         }
     }
 
-    int historySize(int kind) const
-    {
-        const int sizes[KindCount] = { cpu.getHistoryList()->size(), channels.getHistoryList()->size(),
-                                       codecs.getHistoryList()->size(), stats.history->size() };
-        return sizes[kind];
-    }
-
     CPUHistory cpu;
     ChannelHistory channels;
     CodecHistory codecs;
@@ -156,21 +142,13 @@ private slots:
     void cleanup();
     void testVectors_data();
     void testVectors();
-    void batches_data();
-    void batches();
-    void rejectedPackets_data();
-    void rejectedPackets();
-    void otherPacketsStayQueued();
-    void channelSums_data();
-    void channelSums();
-    void maximumFollowsNewestPacket_data();
-    void maximumFollowsNewestPacket();
-    void statistics_data();
-    void statistics();
+    void delivery_data();
+    void delivery();
+    void snapshots_data();
+    void snapshots();
 
 private:
-    // Returns once the network has queued a marker sent after `bytes`, so
-    // everything before it has been handed out.
+    // Returns once the network has queued a marker sent after `bytes`.
     bool sendThrough(const QByteArray& bytes);
     // The first batch is queued before the collectors exist, so it reaches
     // them in one packetReady() however the socket splits it.
@@ -192,8 +170,7 @@ void TestHistories::init()
 void TestHistories::cleanup()
 {
     delete network;
-    // Let the target see the close first: its client socket must not
-    // report the disconnect while the target is being destroyed.
+    // The target must see the close before it is destroyed.
     const bool closed = QTest::qWaitFor([this] { return !target->hasClient(); }, 1000);
     delete target;
     QVERIFY(closed);
@@ -236,7 +213,6 @@ void TestHistories::testVectors()
     QFETCH(int, kind);
     const QString name = QTest::currentDataTag();
     const QJsonObject expected = QJsonDocument::fromJson(readTestData(name + ".json")).object();
-
     const auto c = deliver({ readTestData(name + ".bin") });
     QVERIFY(c);
     for (int k = 0; k < KindCount; ++k)
@@ -273,14 +249,13 @@ void TestHistories::testVectors()
         QCOMPARE(int(c->stats.codecCapacity), expected.value("codecCapacity").toInt());
         QStringList gotValues, expectedValues;
         for (const StatsValues& v : c->stats.values)
-            gotValues << bits(v.minimum) << bits(v.maximum) << bits(v.average) << bits(v.capacity);
+            gotValues << floats({ v.minimum, v.maximum, v.average, v.capacity });
         for (const QJsonValue& value : expected.value("values_after_first_batch").toArray()) {
             for (const char* field : { "minimum", "maximum", "average", "capacity" })
                 expectedValues << jsonBits(value.toObject().value(field));
         }
         QCOMPARE(gotValues, expectedValues);
     }
-
     QVariantMap want;
     const QJsonObject snapshot = expected.value(kind == Cpu ? "snapshot_in_record_order" : "snapshot").toObject();
     for (auto it = snapshot.constBegin(); it != snapshot.constEnd(); ++it)
@@ -288,241 +263,144 @@ void TestHistories::testVectors()
     QCOMPARE(got, want);
 }
 
-void TestHistories::batches_data()
+// Per batch list: the kind it is for, historyUpdated() counts, statuses and,
+// for CPU, the dsp values left in the history.
+void TestHistories::delivery_data()
 {
     QTest::addColumn<Batches>("batches");
+    QTest::addColumn<int>("kind");
     QTest::addColumn<QVariantList>("updates");
-    QTest::addColumn<QList<float>>("dspInHistory");
     QTest::addColumn<QVariantList>("status");
+    QTest::addColumn<QList<float>>("dspInHistory");
 
-    auto range = [](int first, int count, QByteArray* packets = nullptr) {
-        QList<float> dsp;
-        for (int i = first; i < first + count; ++i) {
-            dsp << float(i);
-            if (packets)
-                packets->append(cpuPacket(float(i)));
-        }
-        return dsp;
+    QByteArray packets;
+    QList<float> dsp;
+    for (int i = 0; i < 150; ++i) {
+        packets += cpuPacket(float(i));
+        dsp << float(i);
+    }
+    const int size = cpuPacket(0).size();
+    const QVariantList none, one{ 1 };
+    const QByteArray cpu = cpuPacket(1), channels = intsPacket(Channels, { 1, 2, 3, 4, 5, 6 });
+    const QByteArray codecs = intsPacket(Codecs, { 1, 2, 3, 4, 5, 6, 7, 8 });
+    auto row = [](const char* name, const Batches& batches, Kind kind, const QVariantList& updates,
+                  const QVariantList& status, const QList<float>& dsp = {}) {
+        QTest::newRow(name) << batches << int(kind) << updates << status << dsp;
     };
-    QByteArray hundredFifty, hundred;
-    range(0, 150, &hundredFifty);
-    range(0, 100, &hundred);
-    const QVariantList none;
-
-    QTest::newRow("three waiting") << Batches{ cpuPacket(0) + cpuPacket(1) + cpuPacket(2) } << QVariantList{ 3 }
-                                   << QList<float>{ 0, 1, 2 } << none;
-    QTest::newRow("150 keep the newest 100") << Batches{ hundredFifty } << QVariantList{ 100 } << range(50, 100)
-                                             << none;
-    QTest::newRow("101st pushes the first out") << Batches{ hundred, cpuPacket(100) } << QVariantList{ 100, 1 }
-                                                << range(1, 100) << none;
-    QTest::newRow("incompatible between good") << Batches{ cpuPacket(0) + cpuPacket(1, 2) + cpuPacket(2) }
-                                               << QVariantList{ 2 } << QList<float>{ 0, 2 }
-                                               << QVariantList{ Incompatible };
-    QTest::newRow("only incompatible") << Batches{ cpuPacket(0, 2) + cpuPacket(1, 255) } << none << QList<float>()
-                                       << QVariantList{ Incompatible, Incompatible };
-    QTest::newRow("old version, every packet") << Batches{ cpuPacket(0, 0) + cpuPacket(1, 0) } << QVariantList{ 2 }
-                                               << QList<float>{ 0, 1 } << QVariantList{ OldVersion, OldVersion };
+    row("three waiting", { packets.left(3 * size) }, Cpu, { 3 }, none, dsp.mid(0, 3));
+    row("150 keep the newest 100", { packets }, Cpu, { 100 }, none, dsp.mid(50));
+    row("101st pushes the first out", { packets.left(100 * size), cpuPacket(100) }, Cpu, { 100, 1 }, none,
+        dsp.mid(1, 100));
+    row("incompatible between good", { cpuPacket(0) + cpuPacket(1, 2) + cpuPacket(2) }, Cpu, { 2 },
+        { Incompatible }, { 0, 2 });
+    row("only incompatible", { cpuPacket(0, 2) + cpuPacket(1, 255) }, Cpu, none, { Incompatible, Incompatible });
+    row("cpu 0, every packet", { cpuPacket(0, 0) + cpuPacket(1, 0) }, Cpu, { 2 }, { OldVersion, OldVersion },
+        dsp.mid(0, 2));
+    row("channels 1", { intsPacket(Channels, { 1, 2, 3, 4, 5, 6 }, 1) }, Channels, none, { Incompatible });
+    row("codecs 1", { intsPacket(Codecs, { 1, 2, 3, 4, 5, 6, 7, 8 }, 1) }, Codecs, none, { Incompatible });
+    row("stats 255", { statsPacket({ 99 }, {}, 0, 0, 255) }, Stats, none, { Incompatible });
+    row("cpu header only", { cut(cpu, 12) }, Cpu, none, { Truncated });
+    row("cpu 1 with a version-0 payload", { cut(cpu, 24) }, Cpu, none, { Truncated });
+    row("cpu 0 one byte short", { cut(cpuPacket(1, 0), 23) }, Cpu, none, { Truncated });
+    row("cpu 1 with trailing bytes", { cut(cpu + "xyz", 31) }, Cpu, one, none, { 1 });
+    row("channels one byte short", { cut(channels, 35) }, Channels, none, { Truncated });
+    row("codecs one byte short", { cut(codecs, 43) }, Codecs, none, { Truncated });
+    row("stats one byte short", { cut(statsPacket(), 71) }, Stats, none, { Truncated });
 }
 
-void TestHistories::batches()
+void TestHistories::delivery()
 {
     QFETCH(Batches, batches);
+    QFETCH(int, kind);
     QFETCH(QVariantList, updates);
-    QFETCH(QList<float>, dspInHistory);
     QFETCH(QVariantList, status);
+    QFETCH(QList<float>, dspInHistory);
 
+    // Packets no collector takes go first and must stay queued.
+    batches.first().prepend(PacketBuilder(1, 0, 6).zeros(40).finish() + PacketBuilder(7, 0, 0).zeros(8).finish()
+                            + PacketBuilder(6, 0, 0).finish() + PacketBuilder(3, 1, 1).zeros(16).finish());
     const auto c = deliver(batches);
     QVERIFY(c);
-    QCOMPARE(emitted(*c->updated[Cpu]), updates);
+    for (int k = 0; k < KindCount; ++k) {
+        QCOMPARE(emitted(*c->updated[k]), k == kind ? updates : QVariantList());
+        QCOMPARE(emitted(*c->status[k]), k == kind ? status : QVariantList());
+    }
+    const int sizes[KindCount] = { 0, c->channels.getHistoryList()->size(), c->codecs.getHistoryList()->size(),
+                                   c->stats.history->size() };
+    for (int k = Channels; k < KindCount; ++k)
+        QCOMPARE(sizes[k], k == kind ? updates.size() : 0);
+    for (int type : { 1, 7, 6 })
+        QCOMPARE(network->getNumWaitingPackets(quint8(type), 0), 1);
+    QCOMPARE(network->getNumWaitingPackets(3, 1), 1);
     QList<float> dsp;
     for (const CPUUsageSnapshot& snapshot : *c->cpu.getHistoryList())
         dsp << snapshot.dsp;
     QCOMPARE(dsp, dspInHistory);
-    QCOMPARE(emitted(*c->status[Cpu]), status);
-}
-
-void TestHistories::rejectedPackets_data()
-{
-    QTest::addColumn<int>("kind");
-    QTest::addColumn<QByteArray>("packet");
-    QTest::addColumn<bool>("appended");
-    QTest::addColumn<QString>("status");
-
-    const QList<int> ints = { 1, 2, 3, 4, 5, 6, 7, 8 };
-    const QByteArray cpu = cpuPacket(1, 1, 2, 3, 4);
-    QTest::newRow("cpu 0 is old") << int(Cpu) << cpuPacket(1, 0) << true << OldVersion;
-    QTest::newRow("cpu 2") << int(Cpu) << cpuPacket(1, 2) << false << Incompatible;
-    QTest::newRow("channels 1") << int(Channels) << intsPacket(Channels, ints.mid(2), 1) << false << Incompatible;
-    QTest::newRow("codecs 1") << int(Codecs) << intsPacket(Codecs, ints, 1) << false << Incompatible;
-    QTest::newRow("stats 255") << int(Stats) << StatsFields().packet(255) << false << Incompatible;
-    QTest::newRow("cpu header only") << int(Cpu) << cut(cpu, 12) << false << Truncated;
-    QTest::newRow("cpu 1 with a version-0 payload") << int(Cpu) << cut(cpu, 24) << false << Truncated;
-    QTest::newRow("cpu 0 one byte short") << int(Cpu) << cut(cpuPacket(1, 0), 23) << false << Truncated;
-    QTest::newRow("cpu 1 with trailing bytes") << int(Cpu) << cut(cpu + "xyz", 31) << true << QString();
-    QTest::newRow("channels one byte short") << int(Channels) << cut(intsPacket(Channels, ints.mid(2)), 35) << false
-                                             << Truncated;
-    QTest::newRow("codecs one byte short") << int(Codecs) << cut(intsPacket(Codecs, ints), 43) << false << Truncated;
-    QTest::newRow("stats one byte short") << int(Stats) << cut(StatsFields().packet(), 71) << false << Truncated;
-}
-
-void TestHistories::rejectedPackets()
-{
-    QFETCH(int, kind);
-    QFETCH(QByteArray, packet);
-    QFETCH(bool, appended);
-    QFETCH(QString, status);
-
-    const auto c = deliver({ packet });
-    QVERIFY(c);
-    for (int k = 0; k < KindCount; ++k) {
-        const bool mine = k == kind;
-        QCOMPARE(c->historySize(k), mine && appended ? 1 : 0);
-        QCOMPARE(emitted(*c->updated[k]), mine && appended ? QVariantList{ 1 } : QVariantList());
-        QCOMPARE(emitted(*c->status[k]), mine && !status.isEmpty() ? QVariantList{ status } : QVariantList());
+    if (updates.isEmpty()) { // a dropped packet leaves no capacities behind either
+        QCOMPARE(c->stats.values[StatsHistory::StatsDSP].capacity, 0.0f);
+        QCOMPARE(c->channels.getMaximumValue(), 0);
     }
-    // A dropped packet leaves no capacities behind either.
-    QCOMPARE(c->stats.values[StatsHistory::StatsDSP].capacity, 0.0f);
-    QCOMPARE(c->channels.getMaximumValue(), 0);
 }
 
-void TestHistories::otherPacketsStayQueued()
-{
-    const QByteArray others = PacketBuilder(1, 0, 6).zeros(40).finish() + PacketBuilder(7, 0, 0).zeros(8).finish()
-        + PacketBuilder(6, 0, 0).finish() + PacketBuilder(3, 1, 1).zeros(16).finish();
-    const auto c = deliver({ others + cpuPacket(1) + intsPacket(Channels, { 1, 2, 3, 4, 5, 6 })
-                             + intsPacket(Codecs, { 1, 2, 3, 4, 5, 6, 7, 8 }) + StatsFields().packet() });
-    QVERIFY(c);
-    for (int k = 0; k < KindCount; ++k)
-        QCOMPARE(emitted(*c->updated[k]), QVariantList{ 1 });
-    for (int type : { 1, 7, 6 })
-        QCOMPARE(network->getNumWaitingPackets(quint8(type), 0), 1);
-    QCOMPARE(network->getNumWaitingPackets(3, 1), 1);
-}
-
-void TestHistories::channelSums_data()
-{
-    QTest::addColumn<QList<int>>("payload");
-    QTest::addColumn<QList<int>>("snapshot");
-
-    const int max = std::numeric_limits<qint32>::max();
-    const int min = std::numeric_limits<qint32>::min();
-    QTest::newRow("wraps at 32 bits") << QList<int>{ max, min, 1, -1, 1, 7 }
-                                      << QList<int>{ max, min, 1, -1, min, max, 1, 7, min + 1, 7 };
-    QTest::newRow("negative") << QList<int>{ -3, 4, -5, 0, 2, -9 } << QList<int>{ -3, 4, -5, 0, -8, 4, 2, -9, -6, -9 };
-}
-
-void TestHistories::channelSums()
-{
-    QFETCH(QList<int>, payload);
-    QFETCH(QList<int>, snapshot);
-
-    const auto c = deliver({ intsPacket(Channels, payload) });
-    QVERIFY(c);
-    QCOMPARE(channelFields(c->channels.getHistoryList()->last()), snapshot);
-}
-
-void TestHistories::maximumFollowsNewestPacket_data()
+void TestHistories::snapshots_data()
 {
     QTest::addColumn<Batches>("batches");
-    QTest::addColumn<int>("kind");
-    QTest::addColumn<QList<int>>("maxima");
+    QTest::addColumn<int>("probe");
+    QTest::addColumn<QStringList>("expected"); // statistics: minimum, maximum, average, capacity
 
-    const QByteArray channels1024 = intsPacket(Channels, { 0, 0, 0, 0, 0, 1024 });
-    const QByteArray channels512 = intsPacket(Channels, { 0, 9999, 0, 9999, 0, 512 });
+    const int max = std::numeric_limits<qint32>::max(), min = std::numeric_limits<qint32>::min();
     const QByteArray codecs64 = intsPacket(Codecs, { 99, 32, 99, 16, 99, 0, 99, 64 });
-    QTest::newRow("channels go down") << Batches{ channels1024 + channels512 } << int(Channels) << QList<int>{ 512 };
-    QTest::newRow("channels, rejected packet")
-        << Batches{ channels1024, intsPacket(Channels, { 0, 0, 0, 0, 0, 4096 }, 1) } << int(Channels)
-        << QList<int>{ 1024 };
-    QTest::newRow("codecs go down") << Batches{ codecs64, intsPacket(Codecs, { 0, 8, 0, 8, 0, 8, 0, 8 }) }
-                                    << int(Codecs) << QList<int>{ 8 };
-    QTest::newRow("codecs all negative") << Batches{ codecs64 + intsPacket(Codecs, { 5, -2, 5, -3, 5, -4, 5, -5 }) }
-                                         << int(Codecs) << QList<int>{ 0 };
-
-    // Unlike CodecHistory's, this bound has no floor at 0.
-    StatsFields smaller;
-    for (int i = 0; i < 7; ++i)
-        smaller.capacity[StatsFields::ADPCM + i] = qint16(-3 - i);
-    smaller.capacity[StatsFields::Virtual] = 512;
-    QTest::newRow("stats go down") << Batches{ readTestData("stats-v0.bin") + smaller.packet() } << int(Stats)
-                                   << QList<int>{ 512, -3 };
-}
-
-void TestHistories::maximumFollowsNewestPacket()
-{
-    QFETCH(Batches, batches);
-    QFETCH(int, kind);
-    QFETCH(QList<int>, maxima);
-
-    const auto c = deliver(batches);
-    QVERIFY(c);
-    if (kind == Channels)
-        QCOMPARE(QList<int>{ c->channels.getMaximumValue() }, maxima);
-    else if (kind == Codecs)
-        QCOMPARE(QList<int>{ c->codecs.getMaximumValue() }, maxima);
-    else
-        QCOMPARE((QList<int>{ c->stats.channelCapacity, c->stats.codecCapacity }), maxima);
-}
-
-void TestHistories::statistics_data()
-{
-    QTest::addColumn<Batches>("batches");
-    QTest::addColumn<int>("index");
-    // minimum, maximum, average, capacity
-    QTest::addColumn<QList<float>>("values");
-
     QByteArray hundred;
     for (int i = 0; i < 100; ++i)
-        hundred += statsDsp(float(i));
-    StatsFields order;
-    order.dsp = 1e8f;
-    order.stream = 1.0f;
-    order.update = 2.0f;
-    order.geometry = -1e8f;
-    StatsFields wrap;
-    wrap.used[StatsFields::Real] = -32768;
-    wrap.used[StatsFields::Virtual] = -1;
-    wrap.capacity[StatsFields::Real] = 96;
-    wrap.capacity[StatsFields::Virtual] = 1024;
-    StatsFields memory;
-    memory.memory = 5500000;
-    memory.memoryCapacity = -1000000;
-
-    QTest::newRow("over the whole history") << Batches{ statsDsp(10), statsDsp(30) } << int(StatsHistory::StatsDSP)
-                                            << QList<float>{ 10, 30, 20, 100 };
-    QTest::newRow("trimmed snapshots leave") << Batches{ hundred, statsDsp(100) } << int(StatsHistory::StatsDSP)
-                                             << QList<float>{ 1, 100, 50.5f, 100 };
-    QTest::newRow("rejected batch changes nothing") << Batches{ statsDsp(10), statsDsp(99, 1) }
-                                                    << int(StatsHistory::StatsDSP) << QList<float>{ 10, 10, 10, 100 };
+        hundred += statsPacket({ float(i) });
+    const QList<int> at9 = { 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, -3, 4 };
+    auto row = [](const char* name, const Batches& batches, int probe, const QStringList& expected) {
+        QTest::newRow(name) << batches << probe << expected;
+    };
+    row("channels wrap at 32 bits", { intsPacket(Channels, { max, min, 1, -1, 1, 7 }) }, ChannelFields,
+        ints({ max, min, 1, -1, min, max, 1, 7, min + 1, 7 }));
+    row("channel maximum goes down",
+        { intsPacket(Channels, { 0, 0, 0, 0, 0, 1024 }) + intsPacket(Channels, { 0, 9999, 0, 9999, 0, 512 }) },
+        ChannelMax, ints({ 512 }));
+    row("codec maximum goes down", { codecs64, intsPacket(Codecs, { 0, 8, 0, 8, 0, 8, 0, 8 }) }, CodecMax,
+        ints({ 8 }));
+    row("codecs all negative", { codecs64 + intsPacket(Codecs, { 5, -2, 5, -3, 5, -4, 5, -5 }) }, CodecMax,
+        ints({ 0 }));
+    // Unlike CodecHistory's, this bound has no floor at 0.
+    row("stats maxima go down",
+        { readTestData("stats-v0.bin") + statsPacket({}, { 0, 0, 0, 512, 0, -3, 0, -4, 0, -5, 0, -6, 0, -7, 0, -8, 0, -9 }) },
+        StatsMax, ints({ 512, -3 }));
+    row("trimmed snapshots leave", { hundred, statsPacket({ 100 }) }, StatsHistory::StatsDSP,
+        floats({ 1, 100, 50.5f, 100 }));
     // A sum in double would give an average of 1/3.
-    QTest::newRow("single-precision sum") << Batches{ statsDsp(1e8f) + statsDsp(1.0f) + statsDsp(-1e8f) }
-                                          << int(StatsHistory::StatsDSP) << QList<float>{ -1e8f, 1e8f, 0, 100 };
-    QTest::newRow("negative counts keep maximum 0")
-        << Batches{ statsPair(StatsFields::AT9, -3, 4) + statsPair(StatsFields::AT9, -5, 6) }
-        << int(StatsHistory::StatsAT9) << QList<float>{ -5, 0, -4, 6 };
-    QTest::newRow("pools in wire order") << Batches{ statsPair(StatsFields::Vorbis, 7, 12) }
-                                         << int(StatsHistory::StatsVorbis) << QList<float>{ 7, 7, 7, 12 };
+    row("single-precision sum", { statsPacket({ 1e8f }) + statsPacket({ 1 }) + statsPacket({ -1e8f }) },
+        StatsHistory::StatsDSP, floats({ -1e8f, 1e8f, 0, 100 }));
+    row("negative counts keep maximum 0", { statsPacket({}, at9) + statsPacket({}, at9.mid(0, 14) << -5 << 6) },
+        StatsHistory::StatsAT9, floats({ -5, 0, -4, 6 }));
     // CPUUsageSnapshot's order or the wire order would give 2 or 0.
-    QTest::newRow("total adds geometry second") << Batches{ order.packet() } << int(StatsHistory::StatsTotal)
-                                                << QList<float>{ 3, 3, 3, 100 };
-    QTest::newRow("playing wraps, virtual capacity") << Batches{ wrap.packet() }
-                                                     << int(StatsHistory::StatsPlayingChannels)
-                                                     << QList<float>{ 32767, 32767, 32767, 1024 };
-    QTest::newRow("memory in MB") << Batches{ memory.packet() } << int(StatsHistory::StatsMemory)
-                                  << QList<float>{ 5.5f, 5.5f, 5.5f, -1 };
+    row("total adds geometry second", { statsPacket({ 1e8f, 1, 2, -1e8f }) }, StatsHistory::StatsTotal,
+        floats({ 3, 3, 3, 100 }));
+    row("playing wraps, virtual capacity", { statsPacket({}, { -32768, 96, -1, 1024 }) },
+        StatsHistory::StatsPlayingChannels, floats({ 32767, 32767, 32767, 1024 }));
+    row("memory in MB", { statsPacket({}, {}, 5500000, -1000000) }, StatsHistory::StatsMemory,
+        floats({ 5.5f, 5.5f, 5.5f, -1 }));
 }
 
-void TestHistories::statistics()
+void TestHistories::snapshots()
 {
     QFETCH(Batches, batches);
-    QFETCH(int, index);
-    QFETCH(QList<float>, values);
+    QFETCH(int, probe);
+    QFETCH(QStringList, expected);
 
     const auto c = deliver(batches);
     QVERIFY(c);
-    const StatsValues& got = c->stats.values[index];
-    QCOMPARE((QStringList{ bits(got.minimum), bits(got.maximum), bits(got.average), bits(got.capacity) }),
-             (QStringList{ bits(values[0]), bits(values[1]), bits(values[2]), bits(values[3]) }));
+    const StatsValues& v = c->stats.values[qMax(probe, 0)];
+    const QStringList got = probe == ChannelFields ? ints(channelFields(c->channels.getHistoryList()->last()))
+        : probe == ChannelMax                      ? ints({ c->channels.getMaximumValue() })
+        : probe == CodecMax                        ? ints({ c->codecs.getMaximumValue() })
+        : probe == StatsMax ? ints({ c->stats.channelCapacity, c->stats.codecCapacity })
+                            : floats({ v.minimum, v.maximum, v.average, v.capacity });
+    QCOMPARE(got, expected);
 }
 
 QTEST_GUILESS_MAIN(TestHistories)
