@@ -1,0 +1,429 @@
+#include "dspnetgraph.h"
+
+#include "dspnetgraphgeometry.h"
+
+#include <set>
+
+using namespace DSPNetGraphGeometry;
+
+namespace
+{
+
+const QPoint NoPosition(-1, -1);
+// A pass without a head unit keeps the old drawing and appends its send
+// lines once more; beyond this many such passes in a row it stops growing.
+const int MaxStaleSendPasses = 16;
+
+// Units whose ids share the low 32 bits count as one unit when placing.
+int placementKey(unsigned long long id)
+{
+    return static_cast<int>(static_cast<quint32>(id));
+}
+
+// The levels arrive as signed dB (-80 to +10); the meters want 0 at -80 dB
+// and 1 at full scale.
+QList<float> meterLevels(const QVector<char>& levels)
+{
+    QList<float> values;
+    values.reserve(levels.size());
+    for (char level : levels)
+        values.append(static_cast<signed char>(level) / 80.0f + 1.0f);
+    return values;
+}
+
+DSPNetGraphicalNode graphicalNode(const DSPNode* node, QPoint position)
+{
+    DSPNetGraphicalNode graphical;
+    // A space after each colon gives word wrapping a place to break.
+    graphical.name = QString(node->name).replace(QLatin1Char(':'), QLatin1String(": "));
+    graphical.position = position;
+    graphical.id = node->id;
+    graphical.groupId = node->groupId;
+    graphical.sendTargetId = node->sendTargetId;
+    graphical.active = node->active;
+    graphical.bypass = node->bypass;
+    graphical.inclusiveCPU = node->inclusiveCPU;
+    graphical.exclusiveCPU = node->exclusiveCPU;
+    graphical.levels = meterLevels(node->levels);
+    return graphical;
+}
+
+int connectionEndY(int parentY, unsigned int index, unsigned int count)
+{
+    return static_cast<int>(parentY + (index + 1) * (float(NodeHeight) / (count + 1)));
+}
+
+QPoint nodeCentre(const DSPNetGraphicalNode& node)
+{
+    return node.position + QPoint(NodeWidth / 2, 22);
+}
+
+} // namespace
+
+// One unit on the way down the layout: what processNodes() keeps on the
+// stack of a recursive walk, held in a vector so that a network as deep as
+// the target can send does not exhaust the call stack.
+struct DSPNetGraph::LayoutFrame
+{
+    DSPNode::InputRecord record;
+    QPoint parentPosition;
+    unsigned int index = 0;
+    unsigned int count = 0;
+    QPoint position;
+    QVector<DSPNode::InputRecord> inputs;
+    int next = 0;
+    bool excessive = false;
+    bool newInputSeen = false;
+};
+
+void DSPNetGraph::slotProcessTree()
+{
+    groupList.clear();
+    selectedFound = nullptr;
+
+    // The head is drawn without a connection, whatever its record says.
+    DSPNode::InputRecord head;
+    if (!tree->root.inputs.isEmpty())
+        head.node = tree->root.inputs.first().node;
+    processNodes(head, NoPosition, 0, 1);
+    processSends();
+    processGroups(tree->groups.constData(), tree->groups.size());
+
+    updateWidgetSize(false);
+    updateSelectedNode();
+    refresh();
+}
+
+void DSPNetGraph::resetLayout()
+{
+    rowCounter = 0;
+    maxX = 0;
+    maxY = 0;
+    nodeList.clear();
+    standardLines.clear();
+    sendLines.clear();
+    sidechainLines.clear();
+    sendSidechainLines.clear();
+    ellipsisPoints.clear();
+    placedTable.clear();
+    // Sized for the whole network up front instead of growing step by step.
+    const int units = tree->nodesById.size();
+    placedTable.reserve(units);
+    nodeList.reserve(units);
+    standardLines.reserve(units);
+    hiddenVisited.clear();
+    staleSendPasses = 0;
+}
+
+void DSPNetGraph::processNodes(const DSPNode::InputRecord& record, QPoint parentPosition,
+                               unsigned int index, unsigned int count)
+{
+    if (!record.node)
+        return;
+    if (parentPosition == NoPosition)
+        resetLayout();
+
+    groupIndexById.clear();
+    for (int i = 0; i < groupList.size(); ++i) {
+        if (!groupIndexById.contains(groupList.at(i).id))
+            groupIndexById.insert(groupList.at(i).id, i);
+    }
+
+    QVector<LayoutFrame> stack;
+    enterNode(stack, record, parentPosition, index, count);
+    while (!stack.isEmpty()) {
+        if (stack.last().next < stack.last().inputs.size()) {
+            visitNextInput(stack);
+            continue;
+        }
+        const LayoutFrame frame = stack.takeLast();
+        finishNode(frame.record, frame.position, frame.parentPosition, frame.index, frame.count,
+                   true);
+    }
+}
+
+// Places a unit and prepares the walk over its inputs; a unit placed (or
+// hidden) before only gets its connection. Returns whether a frame was pushed.
+bool DSPNetGraph::enterNode(QVector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
+                            QPoint parentPosition, unsigned int index, unsigned int count)
+{
+    const DSPNode* node = record.node;
+    const auto placed = placedTable.constFind(placementKey(node->id));
+    if (placed != placedTable.constEnd()) {
+        finishNode(record, placed.value(), parentPosition, index, count, false);
+        return false;
+    }
+
+    LayoutFrame frame;
+    frame.record = record;
+    frame.parentPosition = parentPosition;
+    frame.index = index;
+    frame.count = count;
+    frame.position = QPoint(node->depth * ColumnPitch + Margin, rowCounter * RowPitch + Margin);
+    placeNode(node, frame.position);
+
+    bool allInputsNew = true;
+    int shownCount = 0;
+    frame.inputs = drawnInputs(node, &allInputsNew, &shownCount);
+    frame.excessive = allInputsNew && shownCount > 4;
+    stack.append(frame);
+    return true;
+}
+
+void DSPNetGraph::visitNextInput(QVector<LayoutFrame>& stack)
+{
+    LayoutFrame& frame = stack.last();
+    const int i = frame.next++;
+    if (!showExcessiveInputs && frame.excessive && i == 2) {
+        ++rowCounter;
+        // No +10 on this y: the marker sits a little higher than a unit
+        // would, and that is the look the view has always had.
+        ellipsisPoints.append(QPoint(frame.position.x() + ColumnPitch, rowCounter * RowPitch));
+    }
+
+    const DSPNode::InputRecord input = frame.inputs.at(i);
+    // The first new input shares its consumer's row; each further one opens a row.
+    if (!placedTable.contains(placementKey(input.node->id))) {
+        if (frame.newInputSeen)
+            ++rowCounter;
+        frame.newInputSeen = true;
+    }
+    const QPoint position = frame.position;
+    const unsigned int count = static_cast<unsigned int>(frame.inputs.size());
+    enterNode(stack, input, position, static_cast<unsigned int>(i), count);
+}
+
+void DSPNetGraph::finishNode(const DSPNode::InputRecord& record, QPoint position,
+                             QPoint parentPosition, unsigned int index, unsigned int count,
+                             bool placedHere)
+{
+    if (placedHere) {
+        maxX = qMax(maxX, position.x());
+        maxY = qMax(maxY, position.y());
+    }
+    if (parentPosition != NoPosition) {
+        const QPoint end(parentPosition.x() + NodeWidth,
+                         connectionEndY(parentPosition.y(), index, count));
+        addConnection(record, QLine(position.x(), position.y() + 22, end.x(), end.y()));
+    }
+    if (record.node->id == selectedId && record.node->groupId == selectedGroupId) {
+        selectedFound = record.node;
+        selectedNewPosition = position;
+    }
+}
+
+void DSPNetGraph::placeNode(const DSPNode* node, QPoint position)
+{
+    placedTable.insert(placementKey(node->id), position);
+    nodeList.append(graphicalNode(node, position));
+    if (node->groupId != 0) {
+        addToGroupBox(node->groupId, QRect(position.x() - GroupInset, position.y() - GroupInset,
+                                           NodeWidth + 2 * GroupInset,
+                                           NodeHeight + 2 * GroupInset));
+    }
+}
+
+void DSPNetGraph::addToGroupBox(unsigned long long groupId, const QRect& extent)
+{
+    const int index = groupIndexById.value(groupId, -1);
+    if (index >= 0) {
+        DSPGroupGraphicalNode& group = groupList[index];
+        group.rect = group.rect.united(QRectF(extent));
+        return;
+    }
+    DSPGroupGraphicalNode group;
+    group.rect = QRectF(extent);
+    group.id = groupId;
+    groupIndexById.insert(groupId, groupList.size());
+    groupList.append(group);
+}
+
+// The inputs of a unit that get drawn below it, in the model's order.
+// allInputsNew tells whether none of them was placed or hidden before;
+// shownCount is how many were left before the excessive ones went.
+QVector<DSPNode::InputRecord> DSPNetGraph::drawnInputs(const DSPNode* node, bool* allInputsNew,
+                                                       int* shownCount)
+{
+    QVector<DSPNode::InputRecord> inputs;
+    inputs.reserve(node->inputs.size());
+    *allInputsNew = true;
+    for (const DSPNode::InputRecord& input : node->inputs) {
+        if (!input.node)
+            continue;
+        const auto placed = placedTable.constFind(placementKey(input.node->id));
+        if (placed != placedTable.constEnd()) {
+            *allInputsNew = false;
+            if (placed.value() == NoPosition)
+                continue;
+        }
+        if (!showInactiveInputs && !input.node->active)
+            continue;
+        inputs.append(input);
+    }
+    *shownCount = inputs.size();
+    if (!showExcessiveInputs && *allInputsNew)
+        hideExcessiveInputs(&inputs);
+    return inputs;
+}
+
+// Keeps the first two and the last two inputs; the ones between and
+// everything feeding them are marked hidden for the rest of the pass.
+void DSPNetGraph::hideExcessiveInputs(QVector<DSPNode::InputRecord>* inputs)
+{
+    const int count = inputs->size();
+    if (count <= 4)
+        return;
+    for (int i = 2; i < count - 2; ++i)
+        hideSubtree(inputs->at(i).node);
+    inputs->remove(2, count - 4);
+}
+
+void DSPNetGraph::hideSubtree(const DSPNode* node)
+{
+    QVector<const DSPNode*> pending;
+    pending.append(node);
+    while (!pending.isEmpty()) {
+        const DSPNode* unit = pending.takeLast();
+        if (!unit || hiddenVisited.contains(unit))
+            continue;
+        hiddenVisited.insert(unit);
+        placedTable.insert(placementKey(unit->id), NoPosition);
+        for (const DSPNode::InputRecord& input : unit->inputs)
+            pending.append(input.node);
+    }
+}
+
+void DSPNetGraph::addConnection(const DSPNode::InputRecord& record, const QLine& line)
+{
+    if (record.send && record.sidechain)
+        sendSidechainLines.append(line);
+    else if (record.send)
+        sendLines.append(line);
+    else if (record.sidechain)
+        sidechainLines.append(line);
+    else
+        standardLines.append(line);
+}
+
+void DSPNetGraph::processSends()
+{
+    if (staleSendPasses > MaxStaleSendPasses)
+        return;
+    ++staleSendPasses;
+
+    QHash<unsigned long long, int> firstIndexById;
+    for (int i = 0; i < nodeList.size(); ++i) {
+        if (!firstIndexById.contains(nodeList.at(i).id))
+            firstIndexById.insert(nodeList.at(i).id, i);
+    }
+    for (const DSPNetGraphicalNode& node : qAsConst(nodeList)) {
+        if (node.sendTargetId == 0)
+            continue;
+        const int target = firstIndexById.value(node.sendTargetId, -1);
+        if (target >= 0)
+            sendLines.append(QLine(nodeCentre(node), nodeCentre(nodeList.at(target))));
+    }
+}
+
+void DSPNetGraph::processGroups(const GroupNode* const* groups, int count)
+{
+    if (!groups || count <= 0)
+        return;
+    QVector<bool> done(count, false);
+    nameGroupBoxes(groups, count, &done);
+    addParentGroupBoxes(groups, count, &done);
+}
+
+// Boxes made from units learn their group's name and parent.
+void DSPNetGraph::nameGroupBoxes(const GroupNode* const* groups, int count, QVector<bool>* done)
+{
+    groupIndexById.clear();
+    for (int i = 0; i < groupList.size(); ++i) {
+        if (!groupIndexById.contains(groupList.at(i).id))
+            groupIndexById.insert(groupList.at(i).id, i);
+    }
+    for (int i = 0; i < count; ++i) {
+        const GroupNode* group = groups[i];
+        if (!group) {
+            (*done)[i] = true;
+            continue;
+        }
+        const int index = groupIndexById.value(group->id, -1);
+        if (index < 0)
+            continue;
+        groupList[index].name = group->name;
+        groupList[index].parentId = group->parentId;
+        (*done)[i] = true;
+    }
+}
+
+// A group without units of its own gets a box around the boxes of its
+// children, once it has any. The groups are visited in passes over the model
+// order, each pass seeing the boxes added before it in the same pass, until a
+// pass adds nothing. Instead of rescanning every box on each pass, the boxes
+// are summed up per parent as they are added and only the groups that have
+// children are visited, in the order the passes would reach them.
+void DSPNetGraph::addParentGroupBoxes(const GroupNode* const* groups, int count,
+                                      QVector<bool>* done)
+{
+    struct ChildBoxes
+    {
+        QRectF rect;
+        int level = 0;
+    };
+    QHash<unsigned long long, ChildBoxes> childBoxes;
+    auto addChild = [&childBoxes](const DSPGroupGraphicalNode& box) {
+        const QRectF grown = box.rect.adjusted(-ParentGroupMargin, -ParentGroupMargin,
+                                               ParentGroupMargin, ParentGroupMargin);
+        const auto found = childBoxes.find(box.parentId);
+        if (found == childBoxes.end()) {
+            childBoxes.insert(box.parentId, ChildBoxes { grown, box.level });
+            return true;
+        }
+        found->rect = found->rect.united(grown);
+        found->level = qMax(found->level, box.level);
+        return false;
+    };
+    for (const DSPGroupGraphicalNode& box : qAsConst(groupList))
+        addChild(box);
+
+    QHash<unsigned long long, QVector<int>> waitingById;
+    std::set<int> thisPass;
+    for (int i = 0; i < count; ++i) {
+        if ((*done)[i])
+            continue;
+        waitingById[groups[i]->id].append(i);
+        if (childBoxes.contains(groups[i]->id))
+            thisPass.insert(i);
+    }
+
+    std::set<int> nextPass;
+    while (!thisPass.empty()) {
+        const int i = *thisPass.begin();
+        thisPass.erase(thisPass.begin());
+        const GroupNode* group = groups[i];
+        const ChildBoxes children = childBoxes.value(group->id);
+
+        DSPGroupGraphicalNode box;
+        box.rect = children.rect;
+        box.id = group->id;
+        box.parentId = group->parentId;
+        box.name = group->name;
+        box.guidString = group->guid.isNull() ? QString() : group->guid.toString();
+        box.level = children.level + 1;
+        groupList.append(box);
+        (*done)[i] = true;
+
+        // The parent has its first child now: later groups in the model
+        // order see it in this pass, earlier ones in the next.
+        if (addChild(box)) {
+            for (int waiting : waitingById.value(box.parentId)) {
+                if (!(*done)[waiting])
+                    (waiting > i ? thisPass : nextPass).insert(waiting);
+            }
+        }
+        if (thisPass.empty())
+            thisPass.swap(nextPass);
+    }
+}
+
