@@ -9,12 +9,6 @@
 #include <QImage>
 #include <QPainter>
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    initFuzzApplication();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size > 1024 * 1024)

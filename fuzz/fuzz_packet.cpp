@@ -4,12 +4,6 @@
 
 #include "profilernetwork.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
-    initFuzzApplication();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size > 4 * 1024 * 1024)

@@ -23,6 +23,13 @@ void initFuzzApplication()
     new QApplication(argc, argv);
 }
 
+// Every fuzzer starts the same way, so libFuzzer's start-up hook lives here.
+extern "C" int LLVMFuzzerInitialize(int*, char***)
+{
+    initFuzzApplication();
+    return 0;
+}
+
 FuzzProfiler::FuzzProfiler()
     : network(new ProfilerNetwork)
     , dspTree(new DSPTree(network.get()))

@@ -170,16 +170,22 @@ void decodeRecordV0V1(PacketReader& in, int version, DSPNode* node, RecordPlace*
         node->exclusiveUsage = in.u32();
 }
 
-void decodeRecordV2V3(PacketReader& in, int version, DSPNode* node, RecordPlace* place)
+// Versions 2 to 5 share the run of fields from the name to the level count.
+int readNameToLevelCount(PacketReader& in, DSPNode* node, RecordPlace* place)
 {
-    node->id = in.u64();
     node->name = in.fixedString(NameWidth);
     place->childCount = readChildCount(in, false);
     node->active = in.u8() != 0;
     node->bypass = in.u8() != 0;
     in.skip(2);
     node->exclusiveUsage = in.u16();
-    const int levelCount = in.u8();
+    return in.u8();
+}
+
+void decodeRecordV2V3(PacketReader& in, int version, DSPNode* node, RecordPlace* place)
+{
+    node->id = in.u64();
+    const int levelCount = readNameToLevelCount(in, node, place);
     if (version == 3) {
         readFloatLevels(in, levelCount, node);
         return;
@@ -193,13 +199,7 @@ void decodeRecordV4V5(PacketReader& in, int version, DSPNode* node, RecordPlace*
 {
     node->id = in.u64();
     node->groupId = in.u64();
-    node->name = in.fixedString(NameWidth);
-    place->childCount = readChildCount(in, false);
-    node->active = in.u8() != 0;
-    node->bypass = in.u8() != 0;
-    in.skip(2);
-    node->exclusiveUsage = in.u16();
-    const int levelCount = in.u8();
+    const int levelCount = readNameToLevelCount(in, node, place);
     readFloatLevels(in, levelCount, node);
     if (version == 5)
         node->sendTargetId = in.u64();
