@@ -66,6 +66,12 @@ NetworkCase::NetworkCase(DSPShapes::DSPShape shape, int units)
 {
     const SimNetwork simulated = DSPShapes::makeNetwork(shape, units);
     dspPacket = PacketEncoder::encodeDSP(simulated, PacketEncoder::NewestDSPVersion);
+    driftedPacket = PacketEncoder::encodeDSP(DSPShapes::makeNetwork(shape, units, 1, 1),
+                                             PacketEncoder::NewestDSPVersion);
+    SimNetwork changed = simulated;
+    SimUnit& switched = changed.units[changed.units[changed.head].inputs.first().unit];
+    switched.active = !switched.active;
+    changedPacket = PacketEncoder::encodeDSP(changed, PacketEncoder::NewestDSPVersion);
     copyBuffer.resize(dspPacket.size());
     for (int offset = 0; offset < dspPacket.size(); offset += int(ProfilerNetwork::MaxReadPerPass))
         dspPacketReads.append(dspPacket.mid(offset, int(ProfilerNetwork::MaxReadPerPass)));

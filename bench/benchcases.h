@@ -49,6 +49,12 @@ struct NetworkCase
     ~NetworkCase();
 
     QByteArray dspPacket;
+    // The same network one engine step later: new costs and levels, as in
+    // the next snapshot of a running game. Alternated with dspPacket.
+    QByteArray driftedPacket;
+    // The network with one unit switched off: the model and the layout
+    // are rebuilt. Alternated with dspPacket.
+    QByteArray changedPacket;
     // The packet as the socket hands it over: at most one read pass each.
     QVector<QByteArray> dspPacketReads;
     QByteArray copyBuffer;

@@ -143,8 +143,19 @@ protected:
 
 private:
     struct LayoutFrame;
+    // A unit the layout reached, where it was drawn.
+    struct FinishedUnit
+    {
+        const DSPNode* node;
+        QPoint position;
+    };
 
-    // Layout (dspnetgraph.cpp).
+    // Layout (dspnetgraphlayout.cpp).
+    void layOutTree();
+    bool canUpdateLayoutInPlace() const;
+    void rememberLayoutSource();
+    void updateLayoutInPlace();
+    void findSelectedUnit();
     void resetLayout();
     bool enterNode(QVector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
                    QPoint parentPosition, unsigned int index, unsigned int count);
@@ -210,6 +221,21 @@ private:
     // Passes without a head unit append the old send lines again; counted so
     // that a target repeating such packets cannot grow the list forever.
     int staleSendPasses = 0;
+
+    // What the layout was made from. When the model reports an update of
+    // the same network and nothing else changed, the positions, lines and
+    // boxes stand and only the figures of the placed units are copied.
+    QVector<const DSPNode*> placedSources;
+    QVector<QString> placedSourceNames;
+    QVector<FinishedUnit> finishedUnits;
+    QHash<unsigned long long, DSPNode*> laidNodes;
+    QVector<GroupNode*> laidGroups;
+    quint64 laidShapeSerial = 0;
+    quint64 laidValueSerial = 0;
+    quint64 laidGroupSerial = 0;
+    bool laidExcessiveInputs = false;
+    bool laidInactiveInputs = false;
+    bool layoutReusable = false;
 
     QPen textPen;
     QPen greyPen;

@@ -22,20 +22,41 @@ int placementKey(unsigned long long id)
 
 // The levels arrive as signed dB (-80 to +10); the meters want 0 at -80 dB
 // and 1 at full scale.
+float meterLevel(char level)
+{
+    return static_cast<signed char>(level) / 80.0f + 1.0f;
+}
+
 QList<float> meterLevels(const QVector<char>& levels)
 {
     QList<float> values;
     values.reserve(levels.size());
     for (char level : levels)
-        values.append(static_cast<signed char>(level) / 80.0f + 1.0f);
+        values.append(meterLevel(level));
     return values;
+}
+
+// Overwrites the meter values in place when their number is unchanged.
+void updateMeterLevels(QList<float>* values, const QVector<char>& levels)
+{
+    if (values->size() != levels.size()) {
+        *values = meterLevels(levels);
+        return;
+    }
+    for (int i = 0; i < levels.size(); ++i)
+        (*values)[i] = meterLevel(levels.at(i));
+}
+
+// A space after each colon gives word wrapping a place to break.
+QString displayName(const QString& name)
+{
+    return QString(name).replace(QLatin1Char(':'), QLatin1String(": "));
 }
 
 DSPNetGraphicalNode graphicalNode(const DSPNode* node, QPoint position)
 {
     DSPNetGraphicalNode graphical;
-    // A space after each colon gives word wrapping a place to break.
-    graphical.name = QString(node->name).replace(QLatin1Char(':'), QLatin1String(": "));
+    graphical.name = displayName(node->name);
     graphical.position = position;
     graphical.id = node->id;
     graphical.groupId = node->groupId;
@@ -78,6 +99,17 @@ struct DSPNetGraph::LayoutFrame
 
 void DSPNetGraph::slotProcessTree()
 {
+    if (canUpdateLayoutInPlace())
+        updateLayoutInPlace();
+    else
+        layOutTree();
+    updateWidgetSize(false);
+    updateSelectedNode();
+    refresh();
+}
+
+void DSPNetGraph::layOutTree()
+{
     groupList.clear();
     selectedFound = nullptr;
 
@@ -88,10 +120,63 @@ void DSPNetGraph::slotProcessTree()
     processNodes(head, NoPosition, 0, 1);
     processSends();
     processGroups(tree->groups.constData(), tree->groups.size());
+    if (head.node)
+        rememberLayoutSource();
+}
 
-    updateWidgetSize(false);
-    updateSelectedNode();
-    refresh();
+// Only an update the model made in place since this layout, with the same
+// network, groups and input options, leaves the layout as it is. A model
+// changed by hand reports no such update.
+bool DSPNetGraph::canUpdateLayoutInPlace() const
+{
+    return layoutReusable && tree->getValueSerial() != laidValueSerial
+           && tree->getShapeSerial() == laidShapeSerial && tree->getGroupSerial() == laidGroupSerial
+           && showExcessiveInputs == laidExcessiveInputs && showInactiveInputs == laidInactiveInputs
+           && tree->nodesById.isSharedWith(laidNodes) && tree->groups.isSharedWith(laidGroups);
+}
+
+void DSPNetGraph::rememberLayoutSource()
+{
+    laidNodes = tree->nodesById;
+    laidGroups = tree->groups;
+    laidShapeSerial = tree->getShapeSerial();
+    laidValueSerial = tree->getValueSerial();
+    laidGroupSerial = tree->getGroupSerial();
+    laidExcessiveInputs = showExcessiveInputs;
+    laidInactiveInputs = showInactiveInputs;
+    layoutReusable = true;
+}
+
+void DSPNetGraph::updateLayoutInPlace()
+{
+    for (int i = 0; i < nodeList.size(); ++i) {
+        const DSPNode* node = placedSources.at(i);
+        DSPNetGraphicalNode& graphical = nodeList[i];
+        // The model keeps a unit's name string while its name is unchanged.
+        if (!node->name.isSharedWith(placedSourceNames.at(i))) {
+            placedSourceNames[i] = node->name;
+            graphical.name = displayName(node->name);
+        }
+        graphical.bypass = node->bypass;
+        graphical.inclusiveCPU = node->inclusiveCPU;
+        graphical.exclusiveCPU = node->exclusiveCPU;
+        updateMeterLevels(&graphical.levels, node->levels);
+    }
+    findSelectedUnit();
+    laidValueSerial = tree->getValueSerial();
+}
+
+// The last unit reached that matches the selection, as a full layout pass
+// would find it.
+void DSPNetGraph::findSelectedUnit()
+{
+    selectedFound = nullptr;
+    for (const FinishedUnit& unit : qAsConst(finishedUnits)) {
+        if (unit.node->id == selectedId && unit.node->groupId == selectedGroupId) {
+            selectedFound = unit.node;
+            selectedNewPosition = unit.position;
+        }
+    }
 }
 
 void DSPNetGraph::resetLayout()
@@ -106,10 +191,16 @@ void DSPNetGraph::resetLayout()
     sendSidechainLines.clear();
     ellipsisPoints.clear();
     placedTable.clear();
+    placedSources.clear();
+    placedSourceNames.clear();
+    finishedUnits.clear();
     // Sized for the whole network up front instead of growing step by step.
     const int units = tree->nodesById.size();
     placedTable.reserve(units);
     nodeList.reserve(units);
+    placedSources.reserve(units);
+    placedSourceNames.reserve(units);
+    finishedUnits.reserve(units);
     standardLines.reserve(units);
     hiddenVisited.clear();
     staleSendPasses = 0;
@@ -118,6 +209,7 @@ void DSPNetGraph::resetLayout()
 void DSPNetGraph::processNodes(const DSPNode::InputRecord& record, QPoint parentPosition,
                                unsigned int index, unsigned int count)
 {
+    layoutReusable = false;
     if (!record.node)
         return;
     if (parentPosition == NoPosition)
@@ -206,6 +298,7 @@ void DSPNetGraph::finishNode(const DSPNode::InputRecord& record, QPoint position
                          connectionEndY(parentPosition.y(), index, count));
         addConnection(record, QLine(position.x(), position.y() + 22, end.x(), end.y()));
     }
+    finishedUnits.append({ record.node, position });
     if (record.node->id == selectedId && record.node->groupId == selectedGroupId) {
         selectedFound = record.node;
         selectedNewPosition = position;
@@ -216,6 +309,8 @@ void DSPNetGraph::placeNode(const DSPNode* node, QPoint position)
 {
     placedTable.insert(placementKey(node->id), position);
     nodeList.append(graphicalNode(node, position));
+    placedSources.append(node);
+    placedSourceNames.append(node->name);
     if (node->groupId != 0) {
         addToGroupBox(node->groupId, QRect(position.x() - GroupInset, position.y() - GroupInset,
                                            NodeWidth + 2 * GroupInset,
@@ -307,6 +402,7 @@ void DSPNetGraph::addConnection(const DSPNode::InputRecord& record, const QLine&
 
 void DSPNetGraph::processSends()
 {
+    layoutReusable = false;
     if (staleSendPasses > MaxStaleSendPasses)
         return;
     ++staleSendPasses;
@@ -327,6 +423,7 @@ void DSPNetGraph::processSends()
 
 void DSPNetGraph::processGroups(const GroupNode* const* groups, int count)
 {
+    layoutReusable = false;
     if (!groups || count <= 0)
         return;
     QVector<bool> done(count, false);

@@ -7,9 +7,12 @@
 
 #include <QSet>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstddef>
+#include <cstring>
+#include <functional>
 #include <utility>
 
 namespace
@@ -41,6 +44,7 @@ struct RecordLayout
 {
     int size;
     int childCountOffset;
+    int nameOffset;
     bool signedId32;
     bool childCount16;
 };
@@ -49,19 +53,19 @@ RecordLayout recordLayout(int version)
 {
     switch (version) {
     case 0:
-        return { 45, 36, true, false };
+        return { 45, 36, 4, true, false };
     case 1:
-        return { 49, 36, true, false };
+        return { 49, 36, 4, true, false };
     case 2:
-        return { 61, 40, false, false };
+        return { 61, 40, 8, false, false };
     case 3:
-        return { 179, 40, false, false };
+        return { 179, 40, 8, false, false };
     case 4:
-        return { 187, 48, false, false };
+        return { 187, 48, 16, false, false };
     case 5:
-        return { 195, 48, false, false };
+        return { 195, 48, 16, false, false };
     default:
-        return { 94, 24, false, true };
+        return { 94, 24, 62, false, true };
     }
 }
 
@@ -162,7 +166,7 @@ struct RecordPlace
 void decodeRecordV0V1(PacketReader& in, int version, DSPNode* node, RecordPlace* place)
 {
     node->id = readUnitId(in, true);
-    node->name = in.fixedString(NameWidth);
+    in.skip(NameWidth);
     place->childCount = readChildCount(in, false);
     node->active = in.u8() != 0;
     in.skip(4);
@@ -173,7 +177,7 @@ void decodeRecordV0V1(PacketReader& in, int version, DSPNode* node, RecordPlace*
 // Versions 2 to 5 share the run of fields from the name to the level count.
 int readNameToLevelCount(PacketReader& in, DSPNode* node, RecordPlace* place)
 {
-    node->name = in.fixedString(NameWidth);
+    in.skip(NameWidth);
     place->childCount = readChildCount(in, false);
     node->active = in.u8() != 0;
     node->bypass = in.u8() != 0;
@@ -219,13 +223,29 @@ void decodeRecordV6(PacketReader& in, DSPNode* node, RecordPlace* place)
     place->sidechain = (flags & 0x08) != 0;
     const int levelCount = in.u8();
     readByteLevels(in, levelCount, node);
-    node->name = in.fixedString(NameWidth);
+    in.skip(NameWidth);
+}
+
+QString readRecordName(const char* record, int version)
+{
+    PacketReader in(record, recordLayout(version).size, recordLayout(version).nameOffset);
+    return in.fixedString(NameWidth);
+}
+
+// Two records that carry the same name bytes decode to the same name.
+bool sameRecordName(const char* record, const char* other, int version)
+{
+    const int offset = recordLayout(version).nameOffset;
+    return std::memcmp(record + offset, other + offset, NameWidth) == 0;
 }
 
 // Decodes one record and moves the cursor past it; false when the record
 // does not fit before `end`. Each decoder gets exactly its record's bytes,
-// so it can neither read into the next record nor leave bytes behind.
-bool decodeRecord(const char** cursor, const char* end, int version, DSPNode* node, RecordPlace* place)
+// so it can neither read into the next record nor leave bytes behind. The
+// name is decoded only when asked for: a unit whose name did not change
+// keeps the string it has.
+bool decodeRecord(const char** cursor, const char* end, int version, DSPNode* node, RecordPlace* place,
+                  bool withName = true)
 {
     const int size = recordLayout(version).size;
     if (!end || *cursor > end || end - *cursor < size)
@@ -241,6 +261,8 @@ bool decodeRecord(const char** cursor, const char* end, int version, DSPNode* no
         decodeRecordV6(in, node, place);
     if (!in.ok() || in.remaining() != 0)
         return false;
+    if (withName)
+        node->name = readRecordName(*cursor, version);
     node->inclusiveUsage = node->exclusiveUsage;
     *cursor += size;
     return true;
@@ -296,7 +318,7 @@ DSPTree::DSPTree(ProfilerNetwork* network)
 
 DSPTree::~DSPTree()
 {
-    qDeleteAll(nodesById);
+    releaseUnits();
     qDeleteAll(groups);
 }
 
@@ -337,6 +359,14 @@ bool DSPTree::readDSPData()
     in.skip(1);
     readDSPPrologue(&in, version);
 
+    // Most updates describe the network of the previous one with new
+    // figures; those are written into the units that are already there.
+    if (in.ok() && updateInPlace(packet, version, in.position())) {
+        if (version < NewestDSPVersion)
+            emit statusChanged(OldVersionText);
+        return true;
+    }
+
     // A packet that ends before its records do is dropped whole, so the
     // graph on screen is never a partial one.
     const int unitCount = in.ok() ? countUnits(packet, in.position(), version) : -1;
@@ -369,16 +399,22 @@ void DSPTree::readDSPPrologue(PacketReader* in, int version)
 
 void DSPTree::rebuildDSPGraph(const QByteArray& packet, int version, int firstRecord, int unitCount)
 {
-    qDeleteAll(nodesById);
-    nodesById.clear();
+    releaseUnits();
     root = DSPNode();
     dspVersion = version;
 
     nodesById.reserve(unitCount);
+    unitBlock = new DSPNode[unitCount];
+    unitBlockSize = unitCount;
     const char* cursor = packet.constData() + firstRecord;
     recordsEnd = packet.constData() + packet.size();
     createDSPRecurse(&cursor, &root);
     recordsEnd = nullptr;
+
+    shapeNodes = nodesById;
+    shapePacket = packet;
+    shapeFirstRecord = firstRecord;
+    ++shapeSerial;
 
     createDSPUsage();
     // The same as createDSPDepthRecurse() with a fresh table of path marks,
@@ -410,10 +446,10 @@ void DSPTree::createDSPRecurse(const char** cursor, DSPNode* parent)
 
 bool DSPTree::readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit>* pending)
 {
-    DSPNode* node = new DSPNode;
+    DSPNode* node = newUnit();
     RecordPlace place;
     if (!decodeRecord(cursor, recordsEnd, dspVersion, node, &place)) {
-        delete node;
+        discardUnit(node);
         return false;
     }
     DSPNode::InputRecord link;
@@ -423,16 +459,151 @@ bool DSPTree::readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit
     // A unit with several consumers is held once and linked from each; its
     // cost counts only under the first.
     if (DSPNode* existing = nodesById.value(node->id)) {
-        delete node;
+        discardUnit(node);
         link.node = existing;
         parent->inputs.append(link);
+        shapeRecords.append({ existing, parent, place.childCount, false, link.send, link.sidechain });
         return true;
     }
     nodesById.insert(node->id, node);
+    shapeRecords.append({ node, parent, place.childCount, true, link.send, link.sidechain });
     // The walk before the rebuild checked that this many records follow.
     node->inputs.reserve(place.childCount);
     pending->append({ node, parent, place.childCount, link });
     return true;
+}
+
+DSPNode* DSPTree::newUnit()
+{
+    if (unitBlockUsed < unitBlockSize)
+        return &unitBlock[unitBlockUsed++];
+    return new DSPNode;
+}
+
+void DSPTree::discardUnit(DSPNode* node)
+{
+    if (unitBlockUsed > 0 && node == &unitBlock[unitBlockUsed - 1]) {
+        *node = DSPNode();
+        --unitBlockUsed;
+        return;
+    }
+    delete node;
+}
+
+void DSPTree::releaseUnits()
+{
+    const std::less<const DSPNode*> before;
+    for (DSPNode* node : qAsConst(nodesById)) {
+        const bool inBlock = unitBlock && !before(node, unitBlock) && before(node, unitBlock + unitBlockSize);
+        if (!inBlock)
+            delete node;
+    }
+    delete[] unitBlock;
+    unitBlock = nullptr;
+    unitBlockSize = 0;
+    unitBlockUsed = 0;
+    nodesById.clear();
+    shapeNodes.clear();
+    shapeRecords.clear();
+    shapePacket.clear();
+}
+
+bool DSPTree::updateInPlace(const QByteArray& packet, int version, int firstRecord)
+{
+    // A table or head changed by hand is not the network last built.
+    const bool sameModel = !shapeRecords.isEmpty() && nodesById.isSharedWith(shapeNodes)
+                           && root.inputs.size() == 1 && root.inputs.first().node == shapeRecords.first().node;
+    if (!sameModel || version != dspVersion || firstRecord != shapeFirstRecord)
+        return false;
+    if (!stageValues(packet, version, firstRecord))
+        return false;
+    applyStagedValues(version);
+    sumInclusiveUsage();
+    createDSPUsage();
+    shapePacket = packet;
+    ++valueSerial;
+    return true;
+}
+
+// Reads every record the last network had and checks that it says the
+// same about the network: the same unit in the same place, with the same
+// inputs, flags, group and send target. The figures are staged, not
+// written.
+bool DSPTree::stageValues(const QByteArray& packet, int version, int firstRecord)
+{
+    const int size = recordLayout(version).size;
+    if (packet.size() - firstRecord < qint64(shapeRecords.size()) * size)
+        return false;
+    const char* cursor = packet.constData() + firstRecord;
+    const char* end = cursor + qint64(shapeRecords.size()) * size;
+    const char* previous = shapePacket.constData() + shapeFirstRecord;
+    staged.clear();
+    stagedLevels.clear();
+    for (const ShapeRecord& shape : qAsConst(shapeRecords)) {
+        const char* record = cursor;
+        const char* previousRecord = previous;
+        previous += size;
+        clearScratch();
+        RecordPlace place;
+        if (!decodeRecord(&cursor, end, version, &scratch, &place, false))
+            return false;
+        const DSPNode* node = shape.node;
+        if (scratch.id != node->id || place.send != shape.send || place.sidechain != shape.sidechain)
+            return false;
+        if (!shape.first)
+            continue;
+        if (place.childCount != shape.childCount || scratch.groupId != node->groupId
+            || scratch.sendTargetId != node->sendTargetId || scratch.active != node->active) {
+            return false;
+        }
+        staged.append({ shape.node, record, scratch.exclusiveUsage, stagedLevels.size(), scratch.levels.size(),
+                        scratch.bypass, !sameRecordName(record, previousRecord, version) });
+        // Copied, not appended as a vector: appending a whole vector to an
+        // empty one shares it, and the next record would copy it.
+        const int levelStart = stagedLevels.size();
+        stagedLevels.resize(levelStart + scratch.levels.size());
+        std::copy_n(scratch.levels.constData(), scratch.levels.size(), stagedLevels.data() + levelStart);
+    }
+    return true;
+}
+
+// Resets the record scratch unit, keeping the room its levels have.
+void DSPTree::clearScratch()
+{
+    QVector<char> levels = std::move(scratch.levels);
+    levels.clear();
+    scratch = DSPNode();
+    scratch.levels = std::move(levels);
+}
+
+void DSPTree::applyStagedValues(int version)
+{
+    for (const StagedValues& values : qAsConst(staged)) {
+        DSPNode* node = values.node;
+        node->bypass = values.bypass;
+        node->exclusiveUsage = values.exclusiveUsage;
+        node->inclusiveUsage = values.exclusiveUsage;
+        node->inclusiveCPU = 0.0f;
+        node->exclusiveCPU = 0.0f;
+        if (values.nameChanged)
+            node->name = readRecordName(values.record, version);
+        if (node->levels.size() != values.levelCount)
+            node->levels.resize(values.levelCount);
+        std::copy_n(stagedLevels.constData() + values.levelStart, values.levelCount, node->levels.data());
+    }
+}
+
+// A unit's inclusive cost is its own plus that of the units first read
+// below it. Records come parent first, so going backwards every unit is
+// complete before it is added to its parent.
+void DSPTree::sumInclusiveUsage()
+{
+    root.inclusiveUsage = 0;
+    for (int i = shapeRecords.size() - 1; i >= 0; --i) {
+        const ShapeRecord& shape = shapeRecords.at(i);
+        if (shape.first)
+            shape.parent->inclusiveUsage += shape.node->inclusiveUsage;
+    }
 }
 
 void DSPTree::createDSPUsage()
@@ -481,6 +652,7 @@ bool DSPTree::readGroupData()
     qDeleteAll(groups);
     groups.clear();
     groupVersion = version;
+    ++groupSerial;
     // The count comes from the bytes received, never from a field, and a
     // partial record at the end is ignored.
     const int count = (packet.size() - TARN::ProfilePacketHeaderSize) / GroupRecordSize;

@@ -84,6 +84,15 @@ public:
     int timingRate = 0;
     int timingLength = 0;
 
+    // Counters a view compares to tell what the last update changed: the
+    // shape counts rebuilt networks, the values count networks updated in
+    // place (same units, inputs, flags, groups and send targets; only
+    // names, costs, levels and bypass states new), the groups count group
+    // lists read.
+    quint64 getShapeSerial() const { return shapeSerial; }
+    quint64 getValueSerial() const { return valueSerial; }
+    quint64 getGroupSerial() const { return groupSerial; }
+
 signals:
     void dspNetTreeUpdated();
     void statusChanged(QString status);
@@ -93,17 +102,69 @@ public slots:
 
 private:
     struct PendingUnit;
+    // One record of the packet the current network was built from, in
+    // packet order: what a later packet must repeat to be the same network.
+    struct ShapeRecord
+    {
+        DSPNode* node;
+        DSPNode* parent;
+        int childCount;
+        bool first;
+        bool send;
+        bool sidechain;
+    };
+    // The new values of one unit, held until the whole packet has been
+    // checked, so that a packet found different half-way changes nothing.
+    struct StagedValues
+    {
+        DSPNode* node;
+        const char* record;
+        quint32 exclusiveUsage;
+        int levelStart;
+        int levelCount;
+        bool bypass;
+        bool nameChanged;
+    };
 
     QByteArray takeNewestPacket(unsigned char type);
     void readDSPPrologue(PacketReader* in, int version);
     void rebuildDSPGraph(const QByteArray& packet, int version, int firstRecord, int unitCount);
     bool readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit>* pending);
+    bool updateInPlace(const QByteArray& packet, int version, int firstRecord);
+    bool stageValues(const QByteArray& packet, int version, int firstRecord);
+    void clearScratch();
+    void applyStagedValues(int version);
+    void sumInclusiveUsage();
+    DSPNode* newUnit();
+    void discardUnit(DSPNode* node);
+    void releaseUnits();
     void sendCommandString(unsigned char type, unsigned char version, const QString& text);
     void sendCommandUnitState(unsigned char subtype, unsigned long long id, bool state);
 
     // End of the packet that createDSPRecurse is walking; no record is read
     // past it.
     const char* recordsEnd = nullptr;
+
+    // The network as last built, for recognising an update of the same
+    // network. shapeNodes shares nodesById's data until someone changes
+    // the table, which is how a table edited by hand is told apart.
+    QVector<ShapeRecord> shapeRecords;
+    QHash<unsigned long long, DSPNode*> shapeNodes;
+    QByteArray shapePacket;
+    int shapeFirstRecord = 0;
+    QVector<StagedValues> staged;
+    QVector<char> stagedLevels;
+    DSPNode scratch;
+
+    // The units of one rebuild live in one block; units added to nodesById
+    // by hand are outside it and deleted one by one.
+    DSPNode* unitBlock = nullptr;
+    int unitBlockSize = 0;
+    int unitBlockUsed = 0;
+
+    quint64 shapeSerial = 0;
+    quint64 valueSerial = 0;
+    quint64 groupSerial = 0;
 };
 
 #endif // DSPNETTREE_H

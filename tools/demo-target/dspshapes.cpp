@@ -12,13 +12,14 @@ namespace DSPShapes
 namespace
 {
 
-SimUnit makeLadderUnit(int index, const QByteArray& name)
+SimUnit makeLadderUnit(int index, const QByteArray& name, int steps)
 {
+    const int drift = index + 7 * steps;
     SimUnit unit;
     unit.id = NetworkBuilder::unitId(index);
     unit.name = name;
-    unit.exclusiveUsage = static_cast<quint16>(40 + index % 60);
-    unit.levels = {static_cast<qint8>(-6 - index % 30), static_cast<qint8>(-9 - index % 30)};
+    unit.exclusiveUsage = static_cast<quint16>(40 + drift % 60);
+    unit.levels = {static_cast<qint8>(-6 - drift % 30), static_cast<qint8>(-9 - drift % 30)};
     return unit;
 }
 
@@ -29,17 +30,20 @@ void linkInput(SimNetwork* network, int consumer, int input)
     network->units[consumer].inputs.append(link);
 }
 
-SimNetwork makeTree(int units, quint64 seed)
+SimNetwork makeTree(int units, quint64 seed, int steps)
 {
     SimEngine engine(seed, units);
+    // Channels started this way never stop, so stepping only drifts values.
     engine.playAllChannels();
+    for (int i = 0; i < steps; ++i)
+        engine.step();
     return engine.getNetwork();
 }
 
-SimNetwork makeDiamondLadder(int units)
+SimNetwork makeDiamondLadder(int units, int steps)
 {
     SimNetwork network;
-    network.units.append(makeLadderUnit(0, "Master"));
+    network.units.append(makeLadderUnit(0, "Master", steps));
     int above[2] = {0, 0}; // the head counts as both units of the rung above
     int rung = 1;
     while (network.units.size() < units) {
@@ -47,7 +51,7 @@ SimNetwork makeDiamondLadder(int units)
         const int width = qMin(2, units - first);
         for (int side = 0; side < width; ++side) {
             const QByteArray name = "Rung " + QByteArray::number(rung) + (side == 0 ? " A" : " B");
-            network.units.append(makeLadderUnit(first + side, name));
+            network.units.append(makeLadderUnit(first + side, name, steps));
         }
         for (int side = 0; side < width; ++side) {
             linkInput(&network, above[0], first + side);
@@ -63,9 +67,9 @@ SimNetwork makeDiamondLadder(int units)
 
 // Every eighth unit at depth three or more lists its grandparent again, so
 // the packet walks back into a unit that is still open above it.
-SimNetwork makeCycles(int units, quint64 seed)
+SimNetwork makeCycles(int units, quint64 seed, int steps)
 {
-    SimNetwork network = makeTree(units, seed);
+    SimNetwork network = makeTree(units, seed, steps);
     QVector<int> parent(network.units.size(), -1);
     QVector<int> depth(network.units.size(), -1);
     QVector<int> order;
@@ -91,17 +95,17 @@ SimNetwork makeCycles(int units, quint64 seed)
 
 } // namespace
 
-SimNetwork makeNetwork(DSPShape shape, int units, quint64 seed)
+SimNetwork makeNetwork(DSPShape shape, int units, quint64 seed, int steps)
 {
     switch (shape) {
     case DSPShape::DiamondLadder:
-        return makeDiamondLadder(qMax(1, units));
+        return makeDiamondLadder(qMax(1, units), steps);
     case DSPShape::Cycles:
-        return makeCycles(units, seed);
+        return makeCycles(units, seed, steps);
     case DSPShape::Tree:
         break;
     }
-    return makeTree(units, seed);
+    return makeTree(units, seed, steps);
 }
 
 QByteArray makeDSPPacket(DSPShape shape, int units, quint64 seed)

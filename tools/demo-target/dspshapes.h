@@ -21,7 +21,9 @@ enum class DSPShape
     Cycles
 };
 
-SimNetwork makeNetwork(DSPShape shape, int units, quint64 seed = 1);
+// After `steps` engine steps the network has the same units and inputs with
+// new costs and levels, as a running game's next snapshots do.
+SimNetwork makeNetwork(DSPShape shape, int units, quint64 seed = 1, int steps = 0);
 // A version 6 DSP packet of that network.
 QByteArray makeDSPPacket(DSPShape shape, int units, quint64 seed = 1);
 

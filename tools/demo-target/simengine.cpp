@@ -135,8 +135,10 @@ bool SimEngine::setUnitBypass(quint64 id, bool bypass)
 void SimEngine::playAllChannels()
 {
     for (int slot = 0; slot < channels.size(); ++slot) {
-        if (channels[slot].playing)
+        if (channels[slot].playing) {
+            channels[slot].remainingSteps = std::numeric_limits<int>::max();
             continue;
+        }
         startChannel(slot, std::numeric_limits<int>::max());
         refreshUnit(layout.channelUnits[slot]);
     }

@@ -48,7 +48,8 @@ public:
     bool setUnitActive(quint64 id, bool active);
     bool setUnitBypass(quint64 id, bool bypass);
 
-    // Starts a sound on every idle channel, for fixed-size benchmark networks.
+    // Starts a sound on every idle channel and lets every sound play on for
+    // good, for fixed-size benchmark networks whose shape stays put.
     void playAllChannels();
 
 private:
