@@ -99,6 +99,7 @@ NetworkCase::NetworkCase(DSPShapes::DSPShape shape, int units)
     // The groups come once; the model keeps them until the next groups packet.
     network->receiveBytes(PacketEncoder::encodeGroups(simulated));
     network->receiveBytes(dspPacket);
+    lastFed = &dspPacket;
     QObject::disconnect(network.get(), &ProfilerNetwork::packetReady, tree.get(), &DSPTree::slotPacketArrived);
     QObject::disconnect(tree.get(), &DSPTree::dspNetTreeUpdated, graph.get(), &DSPNetGraph::slotProcessTree);
 

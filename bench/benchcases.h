@@ -55,6 +55,9 @@ struct NetworkCase
     // The network with one unit switched off: the model and the layout
     // are rebuilt. Alternated with dspPacket.
     QByteArray changedPacket;
+    // The packet the model was given last; the pairs alternate across
+    // benchmark runs too, so a run of one iteration still sees a change.
+    const QByteArray* lastFed = nullptr;
     // The packet as the socket hands it over: at most one read pass each.
     QVector<QByteArray> dspPacketReads;
     QByteArray copyBuffer;

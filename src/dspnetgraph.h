@@ -17,6 +17,8 @@
 #include <QVector>
 #include <QWidget>
 
+#include <vector>
+
 class QMouseEvent;
 class QPaintEvent;
 class QPainter;
@@ -157,16 +159,15 @@ private:
     void updateLayoutInPlace();
     void findSelectedUnit();
     void resetLayout();
-    bool enterNode(QVector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
+    bool enterNode(std::vector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
                    QPoint parentPosition, unsigned int index, unsigned int count);
-    void visitNextInput(QVector<LayoutFrame>& stack);
+    void visitNextInput(std::vector<LayoutFrame>& stack);
     void finishNode(const DSPNode::InputRecord& record, QPoint position, QPoint parentPosition,
                     unsigned int index, unsigned int count, bool placedHere);
     void placeNode(const DSPNode* node, QPoint position);
     void addToGroupBox(unsigned long long groupId, const QRect& extent);
-    QVector<DSPNode::InputRecord> drawnInputs(const DSPNode* node, bool* allInputsNew,
-                                              int* shownCount);
-    void hideExcessiveInputs(QVector<DSPNode::InputRecord>* inputs);
+    int drawnInputs(const DSPNode* node, bool* allInputsNew, int* shownCount);
+    void hideExcessiveInputs(int start);
     void hideSubtree(const DSPNode* node);
     void addConnection(const DSPNode::InputRecord& record, const QLine& line);
     void nameGroupBoxes(const GroupNode* const* groups, int count, QVector<bool>* done);
@@ -224,11 +225,14 @@ private:
 
     // What the layout was made from. When the model reports an update of
     // the same network and nothing else changed, the positions, lines and
-    // boxes stand and only the figures of the placed units are copied.
+    // boxes stand and only the figures of the placed units are copied. The
+    // model itself refuses such an update once its table was edited by hand.
     QVector<const DSPNode*> placedSources;
     QVector<QString> placedSourceNames;
     QVector<FinishedUnit> finishedUnits;
-    QHash<unsigned long long, DSPNode*> laidNodes;
+    // The drawn inputs of every unit on the layout's path, one stack for
+    // all of them instead of a list per unit.
+    QVector<DSPNode::InputRecord> frameInputs;
     QVector<GroupNode*> laidGroups;
     quint64 laidShapeSerial = 0;
     quint64 laidValueSerial = 0;

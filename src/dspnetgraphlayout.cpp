@@ -3,6 +3,7 @@
 #include "dspnetgraphgeometry.h"
 
 #include <set>
+#include <vector>
 
 using namespace DSPNetGraphGeometry;
 
@@ -91,7 +92,9 @@ struct DSPNetGraph::LayoutFrame
     unsigned int index = 0;
     unsigned int count = 0;
     QPoint position;
-    QVector<DSPNode::InputRecord> inputs;
+    // The unit's drawn inputs: frameInputs[inputStart .. inputStart + inputCount).
+    int inputStart = 0;
+    int inputCount = 0;
     int next = 0;
     bool excessive = false;
     bool newInputSeen = false;
@@ -126,18 +129,18 @@ void DSPNetGraph::layOutTree()
 
 // Only an update the model made in place since this layout, with the same
 // network, groups and input options, leaves the layout as it is. A model
-// changed by hand reports no such update.
+// changed by hand reports no such update; group lists edited by hand no
+// longer share their data with the one laid out.
 bool DSPNetGraph::canUpdateLayoutInPlace() const
 {
     return layoutReusable && tree->getValueSerial() != laidValueSerial
            && tree->getShapeSerial() == laidShapeSerial && tree->getGroupSerial() == laidGroupSerial
            && showExcessiveInputs == laidExcessiveInputs && showInactiveInputs == laidInactiveInputs
-           && tree->nodesById.isSharedWith(laidNodes) && tree->groups.isSharedWith(laidGroups);
+           && tree->groups.isSharedWith(laidGroups);
 }
 
 void DSPNetGraph::rememberLayoutSource()
 {
-    laidNodes = tree->nodesById;
     laidGroups = tree->groups;
     laidShapeSerial = tree->getShapeSerial();
     laidValueSerial = tree->getValueSerial();
@@ -221,14 +224,20 @@ void DSPNetGraph::processNodes(const DSPNode::InputRecord& record, QPoint parent
             groupIndexById.insert(groupList.at(i).id, i);
     }
 
-    QVector<LayoutFrame> stack;
+    // A standard vector: GCC 12 misreads QVector's growth of this struct.
+    std::vector<LayoutFrame> stack;
+    frameInputs.clear();
     enterNode(stack, record, parentPosition, index, count);
-    while (!stack.isEmpty()) {
-        if (stack.last().next < stack.last().inputs.size()) {
+    while (!stack.empty()) {
+        if (stack.back().next < stack.back().inputCount) {
             visitNextInput(stack);
             continue;
         }
-        const LayoutFrame frame = stack.takeLast();
+        const LayoutFrame frame = stack.back();
+        stack.pop_back();
+        // Frames end in the reverse order they began, so their inputs are
+        // the top of the shared list.
+        frameInputs.resize(frame.inputStart);
         finishNode(frame.record, frame.position, frame.parentPosition, frame.index, frame.count,
                    true);
     }
@@ -236,7 +245,7 @@ void DSPNetGraph::processNodes(const DSPNode::InputRecord& record, QPoint parent
 
 // Places a unit and prepares the walk over its inputs; a unit placed (or
 // hidden) before only gets its connection. Returns whether a frame was pushed.
-bool DSPNetGraph::enterNode(QVector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
+bool DSPNetGraph::enterNode(std::vector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
                             QPoint parentPosition, unsigned int index, unsigned int count)
 {
     const DSPNode* node = record.node;
@@ -256,15 +265,16 @@ bool DSPNetGraph::enterNode(QVector<LayoutFrame>& stack, const DSPNode::InputRec
 
     bool allInputsNew = true;
     int shownCount = 0;
-    frame.inputs = drawnInputs(node, &allInputsNew, &shownCount);
+    frame.inputStart = frameInputs.size();
+    frame.inputCount = drawnInputs(node, &allInputsNew, &shownCount);
     frame.excessive = allInputsNew && shownCount > 4;
-    stack.append(frame);
+    stack.push_back(frame);
     return true;
 }
 
-void DSPNetGraph::visitNextInput(QVector<LayoutFrame>& stack)
+void DSPNetGraph::visitNextInput(std::vector<LayoutFrame>& stack)
 {
-    LayoutFrame& frame = stack.last();
+    LayoutFrame& frame = stack.back();
     const int i = frame.next++;
     if (!showExcessiveInputs && frame.excessive && i == 2) {
         ++rowCounter;
@@ -273,7 +283,7 @@ void DSPNetGraph::visitNextInput(QVector<LayoutFrame>& stack)
         ellipsisPoints.append(QPoint(frame.position.x() + ColumnPitch, rowCounter * RowPitch));
     }
 
-    const DSPNode::InputRecord input = frame.inputs.at(i);
+    const DSPNode::InputRecord input = frameInputs.at(frame.inputStart + i);
     // The first new input shares its consumer's row; each further one opens a row.
     if (!placedTable.contains(placementKey(input.node->id))) {
         if (frame.newInputSeen)
@@ -281,7 +291,7 @@ void DSPNetGraph::visitNextInput(QVector<LayoutFrame>& stack)
         frame.newInputSeen = true;
     }
     const QPoint position = frame.position;
-    const unsigned int count = static_cast<unsigned int>(frame.inputs.size());
+    const unsigned int count = static_cast<unsigned int>(frame.inputCount);
     enterNode(stack, input, position, static_cast<unsigned int>(i), count);
 }
 
@@ -333,14 +343,13 @@ void DSPNetGraph::addToGroupBox(unsigned long long groupId, const QRect& extent)
     groupList.append(group);
 }
 
-// The inputs of a unit that get drawn below it, in the model's order.
-// allInputsNew tells whether none of them was placed or hidden before;
-// shownCount is how many were left before the excessive ones went.
-QVector<DSPNode::InputRecord> DSPNetGraph::drawnInputs(const DSPNode* node, bool* allInputsNew,
-                                                       int* shownCount)
+// Appends the inputs of a unit that get drawn below it to frameInputs, in
+// the model's order, and returns how many there are. allInputsNew tells
+// whether none of them was placed or hidden before; shownCount is how many
+// were left before the excessive ones went.
+int DSPNetGraph::drawnInputs(const DSPNode* node, bool* allInputsNew, int* shownCount)
 {
-    QVector<DSPNode::InputRecord> inputs;
-    inputs.reserve(node->inputs.size());
+    const int start = frameInputs.size();
     *allInputsNew = true;
     for (const DSPNode::InputRecord& input : node->inputs) {
         if (!input.node)
@@ -353,24 +362,25 @@ QVector<DSPNode::InputRecord> DSPNetGraph::drawnInputs(const DSPNode* node, bool
         }
         if (!showInactiveInputs && !input.node->active)
             continue;
-        inputs.append(input);
+        frameInputs.append(input);
     }
-    *shownCount = inputs.size();
+    *shownCount = frameInputs.size() - start;
     if (!showExcessiveInputs && *allInputsNew)
-        hideExcessiveInputs(&inputs);
-    return inputs;
+        hideExcessiveInputs(start);
+    return frameInputs.size() - start;
 }
 
-// Keeps the first two and the last two inputs; the ones between and
-// everything feeding them are marked hidden for the rest of the pass.
-void DSPNetGraph::hideExcessiveInputs(QVector<DSPNode::InputRecord>* inputs)
+// Keeps the first two and the last two inputs from `start` on; the ones
+// between and everything feeding them are marked hidden for the rest of
+// the pass.
+void DSPNetGraph::hideExcessiveInputs(int start)
 {
-    const int count = inputs->size();
+    const int count = frameInputs.size() - start;
     if (count <= 4)
         return;
     for (int i = 2; i < count - 2; ++i)
-        hideSubtree(inputs->at(i).node);
-    inputs->remove(2, count - 4);
+        hideSubtree(frameInputs.at(start + i).node);
+    frameInputs.remove(start + 2, count - 4);
 }
 
 void DSPNetGraph::hideSubtree(const DSPNode* node)

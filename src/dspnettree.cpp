@@ -12,11 +12,15 @@
 #include <cmath>
 #include <cstddef>
 #include <cstring>
-#include <functional>
 #include <utility>
 
 namespace
 {
+
+// Marks of DSPNode::walkIndex while a network is rebuilt: read by this walk
+// (and so the value left afterwards), or not read yet.
+const int ReadUnit = -1;
+const int UnreadUnit = -2;
 
 const QString OldVersionText = QStringLiteral("Connected. (Old version detected, reduced functionality)");
 const QString IncompatibleVersionText =
@@ -399,17 +403,24 @@ void DSPTree::readDSPPrologue(PacketReader* in, int version)
 
 void DSPTree::rebuildDSPGraph(const QByteArray& packet, int version, int firstRecord, int unitCount)
 {
-    releaseUnits();
+    // The units of the last network are reused for the same ids: most of a
+    // changed network is still the network it was.
+    markUnitsForReuse(version);
+    previousPacket = shapePacket;
+    previousFirstRecord = shapeFirstRecord;
+    shapeNodes.clear();
+    shapeRecords.clear();
+    shapePacket.clear();
     root = DSPNode();
     dspVersion = version;
 
     nodesById.reserve(unitCount);
-    unitBlock = new DSPNode[unitCount];
-    unitBlockSize = unitCount;
     const char* cursor = packet.constData() + firstRecord;
     recordsEnd = packet.constData() + packet.size();
     createDSPRecurse(&cursor, &root);
     recordsEnd = nullptr;
+    dropUnreadUnits();
+    previousPacket.clear();
 
     shapeNodes = nodesById;
     shapePacket = packet;
@@ -420,6 +431,34 @@ void DSPTree::rebuildDSPGraph(const QByteArray& packet, int version, int firstRe
     // The same as createDSPDepthRecurse() with a fresh table of path marks,
     // without filling a table that nobody reads afterwards.
     assignDSPDepths(nullptr, &root, nodesById.size() + 1);
+}
+
+// Marks every unit as not yet read by the coming walk. A unit built from
+// the last packet also notes where its record lay there, so that an
+// unchanged name need not be decoded again.
+void DSPTree::markUnitsForReuse(int version)
+{
+    for (DSPNode* node : qAsConst(nodesById))
+        node->walkIndex = UnreadUnit;
+    // Records of a table edited by hand may name units that are gone.
+    if (version != dspVersion || !nodesById.isSharedWith(shapeNodes))
+        return;
+    for (int i = 0; i < shapeRecords.size(); ++i) {
+        if (shapeRecords.at(i).first)
+            shapeRecords.at(i).node->walkIndex = i;
+    }
+}
+
+void DSPTree::dropUnreadUnits()
+{
+    for (auto it = nodesById.begin(); it != nodesById.end();) {
+        if (it.value()->walkIndex == ReadUnit) {
+            ++it;
+            continue;
+        }
+        delete it.value();
+        it = nodesById.erase(it);
+    }
 }
 
 void DSPTree::createDSPRecurse(const char** cursor, DSPNode* parent)
@@ -446,62 +485,67 @@ void DSPTree::createDSPRecurse(const char** cursor, DSPNode* parent)
 
 bool DSPTree::readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit>* pending)
 {
-    DSPNode* node = newUnit();
+    const char* record = *cursor;
+    clearScratch();
     RecordPlace place;
-    if (!decodeRecord(cursor, recordsEnd, dspVersion, node, &place)) {
-        discardUnit(node);
+    if (!decodeRecord(cursor, recordsEnd, dspVersion, &scratch, &place, false))
         return false;
-    }
     DSPNode::InputRecord link;
     link.sidechain = place.sidechain;
     link.send = place.send;
 
     // A unit with several consumers is held once and linked from each; its
     // cost counts only under the first.
-    if (DSPNode* existing = nodesById.value(node->id)) {
-        discardUnit(node);
-        link.node = existing;
+    DSPNode* node = nodesById.value(scratch.id);
+    if (node && node->walkIndex == ReadUnit) {
+        link.node = node;
         parent->inputs.append(link);
-        shapeRecords.append({ existing, parent, place.childCount, false, link.send, link.sidechain });
+        shapeRecords.append({ node, parent, place.childCount, false, link.send, link.sidechain });
         return true;
     }
-    nodesById.insert(node->id, node);
+    if (!node) {
+        node = new DSPNode;
+        nodesById.insert(scratch.id, node);
+    }
+    takeRecord(node, record, place.childCount);
     shapeRecords.append({ node, parent, place.childCount, true, link.send, link.sidechain });
-    // The walk before the rebuild checked that this many records follow.
-    node->inputs.reserve(place.childCount);
     pending->append({ node, parent, place.childCount, link });
     return true;
 }
 
-DSPNode* DSPTree::newUnit()
+// Gives a new or reused unit exactly the state a freshly decoded one has,
+// keeping the room its strings and lists already have.
+void DSPTree::takeRecord(DSPNode* node, const char* record, int childCount)
 {
-    if (unitBlockUsed < unitBlockSize)
-        return &unitBlock[unitBlockUsed++];
-    return new DSPNode;
-}
+    node->id = scratch.id;
+    node->groupId = scratch.groupId;
+    node->sendTargetId = scratch.sendTargetId;
+    node->active = scratch.active;
+    node->bypass = scratch.bypass;
+    node->exclusiveUsage = scratch.exclusiveUsage;
+    node->inclusiveUsage = scratch.inclusiveUsage;
+    node->inclusiveCPU = 0.0f;
+    node->exclusiveCPU = 0.0f;
+    node->depth = -1;
+    node->levels.resize(scratch.levels.size());
+    std::copy_n(scratch.levels.constData(), scratch.levels.size(), node->levels.data());
+    node->inputs.clear();
+    // The walk before the rebuild checked that this many records follow.
+    node->inputs.reserve(childCount);
 
-void DSPTree::discardUnit(DSPNode* node)
-{
-    if (unitBlockUsed > 0 && node == &unitBlock[unitBlockUsed - 1]) {
-        *node = DSPNode();
-        --unitBlockUsed;
-        return;
-    }
-    delete node;
+    const int size = recordLayout(dspVersion).size;
+    const int previous = node->walkIndex;
+    const bool nameKnown = previous >= 0 && previousFirstRecord + qint64(previous + 1) * size <= previousPacket.size()
+                           && sameRecordName(record, previousPacket.constData() + previousFirstRecord + previous * size,
+                                             dspVersion);
+    if (!nameKnown)
+        node->name = readRecordName(record, dspVersion);
+    node->walkIndex = ReadUnit;
 }
 
 void DSPTree::releaseUnits()
 {
-    const std::less<const DSPNode*> before;
-    for (DSPNode* node : qAsConst(nodesById)) {
-        const bool inBlock = unitBlock && !before(node, unitBlock) && before(node, unitBlock + unitBlockSize);
-        if (!inBlock)
-            delete node;
-    }
-    delete[] unitBlock;
-    unitBlock = nullptr;
-    unitBlockSize = 0;
-    unitBlockUsed = 0;
+    qDeleteAll(nodesById);
     nodesById.clear();
     shapeNodes.clear();
     shapeRecords.clear();
@@ -606,16 +650,34 @@ void DSPTree::sumInclusiveUsage()
     }
 }
 
+// Every unit of the network once. The records of the last packet list them
+// in one contiguous array, which is far quicker to walk than the table; a
+// table edited by hand is walked itself.
+template <typename Visit>
+void DSPTree::visitUnits(Visit visit)
+{
+    if (!nodesById.isSharedWith(shapeNodes)) {
+        for (DSPNode* node : qAsConst(nodesById))
+            visit(node);
+        return;
+    }
+    for (const ShapeRecord& shape : qAsConst(shapeRecords)) {
+        if (shape.first)
+            visit(shape.node);
+    }
+}
+
 void DSPTree::createDSPUsage()
 {
     // A NaN compares unequal to 0 and takes this path too.
     if (cpuUsage != 0.0f) {
         const quint32 headUsage = root.inputs.isEmpty() ? 0 : root.inputs.first().node->inclusiveUsage;
         const float scale = headUsage != 0 ? 1.0f / static_cast<float>(headUsage) : 0.0f;
-        for (DSPNode* node : qAsConst(nodesById)) {
-            node->inclusiveCPU = (static_cast<float>(node->inclusiveUsage) * cpuUsage) * scale;
-            node->exclusiveCPU = (static_cast<float>(node->exclusiveUsage) * cpuUsage) * scale;
-        }
+        const float share = cpuUsage;
+        visitUnits([share, scale](DSPNode* node) {
+            node->inclusiveCPU = (static_cast<float>(node->inclusiveUsage) * share) * scale;
+            node->exclusiveCPU = (static_cast<float>(node->exclusiveUsage) * share) * scale;
+        });
         return;
     }
     if (timingRate == 0 || timingLength == 0)
@@ -625,10 +687,10 @@ void DSPTree::createDSPUsage()
     // product would overflow for long spans.
     const float span =
         ((static_cast<float>(timingLength) * 1000.0f) * 1000.0f) / static_cast<float>(timingRate);
-    for (DSPNode* node : qAsConst(nodesById)) {
+    visitUnits([span](DSPNode* node) {
         node->inclusiveCPU = static_cast<float>(node->inclusiveUsage) / span;
         node->exclusiveCPU = static_cast<float>(node->exclusiveUsage) / span;
-    }
+    });
 }
 
 void DSPTree::createDSPDepthRecurse(QHash<DSPNode*, bool>* onPath, DSPNode* node)

@@ -40,7 +40,8 @@ struct DSPNode
     QVector<char> levels;
     QVector<InputRecord> inputs;
     int depth = -1;
-    // Scratch number of the unit while depths are computed; -1 otherwise.
+    // Scratch number of the unit while the network is read or its depths
+    // are computed; -1 otherwise.
     int walkIndex = -1;
 };
 
@@ -135,8 +136,11 @@ private:
     void clearScratch();
     void applyStagedValues(int version);
     void sumInclusiveUsage();
-    DSPNode* newUnit();
-    void discardUnit(DSPNode* node);
+    template <typename Visit>
+    void visitUnits(Visit visit);
+    void takeRecord(DSPNode* node, const char* record, int childCount);
+    void markUnitsForReuse(int version);
+    void dropUnreadUnits();
     void releaseUnits();
     void sendCommandString(unsigned char type, unsigned char version, const QString& text);
     void sendCommandUnitState(unsigned char subtype, unsigned long long id, bool state);
@@ -156,11 +160,9 @@ private:
     QVector<char> stagedLevels;
     DSPNode scratch;
 
-    // The units of one rebuild live in one block; units added to nodesById
-    // by hand are outside it and deleted one by one.
-    DSPNode* unitBlock = nullptr;
-    int unitBlockSize = 0;
-    int unitBlockUsed = 0;
+    // The packet of the network being replaced, while a rebuild runs.
+    QByteArray previousPacket;
+    int previousFirstRecord = 0;
 
     quint64 shapeSerial = 0;
     quint64 valueSerial = 0;
