@@ -219,7 +219,7 @@ void configure(benchmark::internal::Benchmark* b, int repetitions)
 {
     // Process CPU time, not wall time: other builds share this machine, and
     // the work is single-threaded, so on an idle machine the two agree.
-    b->Unit(benchmark::kMicrosecond)->MinTime(0.05);
+    b->Unit(benchmark::kMicrosecond)->MinTime(0.2);
     if (repetitions > 1) {
         b->Repetitions(repetitions)->ReportAggregatesOnly(true)->ComputeStatistics("min", &minimumOf);
     }

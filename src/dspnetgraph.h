@@ -159,6 +159,10 @@ private:
     void updateLayoutInPlace();
     void findSelectedUnit();
     void resetLayout();
+    void markPlacedTableStale(int units);
+    void dropStalePlacements();
+    bool findPlaced(unsigned long long id, QPoint* position) const;
+    void indexGroupBoxes();
     bool enterNode(std::vector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
                    QPoint parentPosition, unsigned int index, unsigned int count);
     void visitNextInput(std::vector<LayoutFrame>& stack);
@@ -214,7 +218,8 @@ private:
     unsigned long long menuTargetId = 0;
 
     // Where each group id first appears in groupList, kept beside it so that
-    // a network with many groups lays out in linear time.
+    // a network with many groups lays out in linear time. Entries of groups
+    // no longer in the list are kept, marked stale, for the next pass.
     QHash<unsigned long long, int> groupIndexById;
     // Units already marked as hidden in this pass; a unit is marked once
     // however many paths lead to it, and a cycle cannot loop.
@@ -233,6 +238,8 @@ private:
     // The drawn inputs of every unit on the layout's path, one stack for
     // all of them instead of a list per unit.
     QVector<DSPNode::InputRecord> frameInputs;
+    // How many entries of nodeList the running layout has placed.
+    int placedCount = 0;
     QVector<GroupNode*> laidGroups;
     quint64 laidShapeSerial = 0;
     quint64 laidValueSerial = 0;

@@ -2,6 +2,7 @@
 
 #include "dspnetgraphgeometry.h"
 
+#include <climits>
 #include <set>
 #include <vector>
 
@@ -11,6 +12,15 @@ namespace
 {
 
 const QPoint NoPosition(-1, -1);
+// An entry of placedTable left from the last layout: while a layout runs,
+// entries are overwritten instead of the table being emptied and refilled,
+// which would free and allocate an entry per unit.
+const QPoint StalePosition(INT_MIN, INT_MIN);
+// The group index of an entry of groupIndexById left from the last pass.
+const int StaleGroup = -1;
+// Tables holding more stale entries than this beyond their live ones are
+// emptied instead, so ids that come and go cannot make them grow for good.
+const int StaleSlack = 1024;
 // A pass without a head unit keeps the old drawing and appends its send
 // lines once more; beyond this many such passes in a row it stops growing.
 const int MaxStaleSendPasses = 16;
@@ -54,20 +64,20 @@ QString displayName(const QString& name)
     return QString(name).replace(QLatin1Char(':'), QLatin1String(": "));
 }
 
-DSPNetGraphicalNode graphicalNode(const DSPNode* node, QPoint position)
+// Sets every field, so a placed unit left from the last layout becomes
+// exactly a new one while keeping the room its lists have.
+void setGraphicalNode(DSPNetGraphicalNode* graphical, const DSPNode* node, QPoint position)
 {
-    DSPNetGraphicalNode graphical;
-    graphical.name = displayName(node->name);
-    graphical.position = position;
-    graphical.id = node->id;
-    graphical.groupId = node->groupId;
-    graphical.sendTargetId = node->sendTargetId;
-    graphical.active = node->active;
-    graphical.bypass = node->bypass;
-    graphical.inclusiveCPU = node->inclusiveCPU;
-    graphical.exclusiveCPU = node->exclusiveCPU;
-    graphical.levels = meterLevels(node->levels);
-    return graphical;
+    graphical->name = displayName(node->name);
+    graphical->position = position;
+    graphical->id = node->id;
+    graphical->groupId = node->groupId;
+    graphical->sendTargetId = node->sendTargetId;
+    graphical->active = node->active;
+    graphical->bypass = node->bypass;
+    graphical->inclusiveCPU = node->inclusiveCPU;
+    graphical->exclusiveCPU = node->exclusiveCPU;
+    updateMeterLevels(&graphical->levels, node->levels);
 }
 
 int connectionEndY(int parentY, unsigned int index, unsigned int count)
@@ -187,13 +197,15 @@ void DSPNetGraph::resetLayout()
     rowCounter = 0;
     maxX = 0;
     maxY = 0;
-    nodeList.clear();
+    // The placed units are overwritten one by one and the rest cut off at
+    // the end: their names and meter lists are mostly the same again.
+    placedCount = 0;
     standardLines.clear();
     sendLines.clear();
     sidechainLines.clear();
     sendSidechainLines.clear();
     ellipsisPoints.clear();
-    placedTable.clear();
+    markPlacedTableStale(tree->nodesById.size());
     placedSources.clear();
     placedSourceNames.clear();
     finishedUnits.clear();
@@ -217,12 +229,10 @@ void DSPNetGraph::processNodes(const DSPNode::InputRecord& record, QPoint parent
         return;
     if (parentPosition == NoPosition)
         resetLayout();
+    else
+        placedCount = nodeList.size();
 
-    groupIndexById.clear();
-    for (int i = 0; i < groupList.size(); ++i) {
-        if (!groupIndexById.contains(groupList.at(i).id))
-            groupIndexById.insert(groupList.at(i).id, i);
-    }
+    indexGroupBoxes();
 
     // A standard vector: GCC 12 misreads QVector's growth of this struct.
     std::vector<LayoutFrame> stack;
@@ -241,6 +251,53 @@ void DSPNetGraph::processNodes(const DSPNode::InputRecord& record, QPoint parent
         finishNode(frame.record, frame.position, frame.parentPosition, frame.index, frame.count,
                    true);
     }
+    // Units of the last layout that were not overwritten go now.
+    nodeList.resize(placedCount);
+    dropStalePlacements();
+}
+
+void DSPNetGraph::markPlacedTableStale(int units)
+{
+    if (placedTable.size() > 2 * units + StaleSlack) {
+        placedTable.clear();
+        return;
+    }
+    for (QPoint& position : placedTable)
+        position = StalePosition;
+}
+
+void DSPNetGraph::dropStalePlacements()
+{
+    for (auto it = placedTable.begin(); it != placedTable.end();) {
+        if (it.value() == StalePosition)
+            it = placedTable.erase(it);
+        else
+            ++it;
+    }
+}
+
+// Where the unit with that key was placed in this layout, if it was.
+bool DSPNetGraph::findPlaced(unsigned long long id, QPoint* position) const
+{
+    const auto placed = placedTable.constFind(placementKey(id));
+    if (placed == placedTable.constEnd() || placed.value() == StalePosition)
+        return false;
+    *position = placed.value();
+    return true;
+}
+
+void DSPNetGraph::indexGroupBoxes()
+{
+    if (groupIndexById.size() > 2 * groupList.size() + StaleSlack) {
+        groupIndexById.clear();
+    } else {
+        for (int& index : groupIndexById)
+            index = StaleGroup;
+    }
+    for (int i = 0; i < groupList.size(); ++i) {
+        if (groupIndexById.value(groupList.at(i).id, StaleGroup) == StaleGroup)
+            groupIndexById.insert(groupList.at(i).id, i);
+    }
 }
 
 // Places a unit and prepares the walk over its inputs; a unit placed (or
@@ -249,9 +306,9 @@ bool DSPNetGraph::enterNode(std::vector<LayoutFrame>& stack, const DSPNode::Inpu
                             QPoint parentPosition, unsigned int index, unsigned int count)
 {
     const DSPNode* node = record.node;
-    const auto placed = placedTable.constFind(placementKey(node->id));
-    if (placed != placedTable.constEnd()) {
-        finishNode(record, placed.value(), parentPosition, index, count, false);
+    QPoint placed;
+    if (findPlaced(node->id, &placed)) {
+        finishNode(record, placed, parentPosition, index, count, false);
         return false;
     }
 
@@ -285,7 +342,8 @@ void DSPNetGraph::visitNextInput(std::vector<LayoutFrame>& stack)
 
     const DSPNode::InputRecord input = frameInputs.at(frame.inputStart + i);
     // The first new input shares its consumer's row; each further one opens a row.
-    if (!placedTable.contains(placementKey(input.node->id))) {
+    QPoint placed;
+    if (!findPlaced(input.node->id, &placed)) {
         if (frame.newInputSeen)
             ++rowCounter;
         frame.newInputSeen = true;
@@ -318,7 +376,9 @@ void DSPNetGraph::finishNode(const DSPNode::InputRecord& record, QPoint position
 void DSPNetGraph::placeNode(const DSPNode* node, QPoint position)
 {
     placedTable.insert(placementKey(node->id), position);
-    nodeList.append(graphicalNode(node, position));
+    if (placedCount == nodeList.size())
+        nodeList.append(DSPNetGraphicalNode());
+    setGraphicalNode(&nodeList[placedCount++], node, position);
     placedSources.append(node);
     placedSourceNames.append(node->name);
     if (node->groupId != 0) {
@@ -330,8 +390,8 @@ void DSPNetGraph::placeNode(const DSPNode* node, QPoint position)
 
 void DSPNetGraph::addToGroupBox(unsigned long long groupId, const QRect& extent)
 {
-    const int index = groupIndexById.value(groupId, -1);
-    if (index >= 0) {
+    const int index = groupIndexById.value(groupId, StaleGroup);
+    if (index != StaleGroup) {
         DSPGroupGraphicalNode& group = groupList[index];
         group.rect = group.rect.united(QRectF(extent));
         return;
@@ -354,10 +414,10 @@ int DSPNetGraph::drawnInputs(const DSPNode* node, bool* allInputsNew, int* shown
     for (const DSPNode::InputRecord& input : node->inputs) {
         if (!input.node)
             continue;
-        const auto placed = placedTable.constFind(placementKey(input.node->id));
-        if (placed != placedTable.constEnd()) {
+        QPoint placed;
+        if (findPlaced(input.node->id, &placed)) {
             *allInputsNew = false;
-            if (placed.value() == NoPosition)
+            if (placed == NoPosition)
                 continue;
         }
         if (!showInactiveInputs && !input.node->active)
@@ -417,10 +477,18 @@ void DSPNetGraph::processSends()
         return;
     ++staleSendPasses;
 
+    // Few units send, so only the units sent to are looked up.
     QHash<unsigned long long, int> firstIndexById;
+    for (const DSPNetGraphicalNode& node : qAsConst(nodeList)) {
+        if (node.sendTargetId != 0)
+            firstIndexById.insert(node.sendTargetId, -1);
+    }
+    if (firstIndexById.isEmpty())
+        return;
     for (int i = 0; i < nodeList.size(); ++i) {
-        if (!firstIndexById.contains(nodeList.at(i).id))
-            firstIndexById.insert(nodeList.at(i).id, i);
+        const auto target = firstIndexById.find(nodeList.at(i).id);
+        if (target != firstIndexById.end() && target.value() < 0)
+            target.value() = i;
     }
     for (const DSPNetGraphicalNode& node : qAsConst(nodeList)) {
         if (node.sendTargetId == 0)
@@ -444,19 +512,15 @@ void DSPNetGraph::processGroups(const GroupNode* const* groups, int count)
 // Boxes made from units learn their group's name and parent.
 void DSPNetGraph::nameGroupBoxes(const GroupNode* const* groups, int count, QVector<bool>* done)
 {
-    groupIndexById.clear();
-    for (int i = 0; i < groupList.size(); ++i) {
-        if (!groupIndexById.contains(groupList.at(i).id))
-            groupIndexById.insert(groupList.at(i).id, i);
-    }
+    indexGroupBoxes();
     for (int i = 0; i < count; ++i) {
         const GroupNode* group = groups[i];
         if (!group) {
             (*done)[i] = true;
             continue;
         }
-        const int index = groupIndexById.value(group->id, -1);
-        if (index < 0)
+        const int index = groupIndexById.value(group->id, StaleGroup);
+        if (index == StaleGroup)
             continue;
         groupList[index].name = group->name;
         groupList[index].parentId = group->parentId;

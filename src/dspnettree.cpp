@@ -5,7 +5,6 @@
 #include "profilepacket.h"
 #include "profilernetwork.h"
 
-#include <QSet>
 
 #include <algorithm>
 #include <climits>
@@ -88,14 +87,69 @@ int readChildCount(PacketReader& in, bool childCount16)
     return qMax(in.i32(), 0);
 }
 
+} // namespace
+
+// The ids the validation walk has met, by open addressing in arrays that
+// keep their room from packet to packet: a node-based set would allocate
+// and free an entry per unit on every update.
+class DSPTree::UnitIdSet
+{
+public:
+    // Room for at most `count` ids, all slots empty.
+    void reset(int count)
+    {
+        int capacity = 16;
+        while (capacity < 2 * count)
+            capacity *= 2;
+        // One huge packet must not hold its room for the rest of the session.
+        if (ids.capacity() > 4 * capacity) {
+            ids = QVector<unsigned long long>();
+            used = QVector<bool>();
+        }
+        ids.resize(capacity);
+        used.fill(false, capacity);
+        mask = static_cast<quint32>(capacity - 1);
+        stored = 0;
+    }
+
+    // False when the id was there already.
+    bool insert(unsigned long long id)
+    {
+        // Fibonacci hashing spreads ids that differ only in high bits.
+        quint32 slot = static_cast<quint32>((id * 0x9E3779B97F4A7C15ULL) >> 32) & mask;
+        while (used.at(int(slot))) {
+            if (ids.at(int(slot)) == id)
+                return false;
+            slot = (slot + 1) & mask;
+        }
+        used[int(slot)] = true;
+        ids[int(slot)] = id;
+        ++stored;
+        return true;
+    }
+
+    int size() const { return stored; }
+
+private:
+    QVector<unsigned long long> ids;
+    QVector<bool> used;
+    quint32 mask = 0;
+    int stored = 0;
+};
+
+namespace
+{
+
 // Walks the record structure without building anything, so that a packet
 // that ends before its records do is refused while the old graph is still
 // there. Returns the number of distinct units, or -1.
-int countUnits(const QByteArray& packet, int firstRecord, int version)
+int countUnits(const QByteArray& packet, int firstRecord, int version, DSPTree::UnitIdSet* seen)
 {
     const RecordLayout layout = recordLayout(version);
+    // Every record but the first is some unit's child, so no more units
+    // than records can be met.
+    seen->reset(qMax(0, packet.size() - firstRecord) / layout.size + 1);
     PacketReader in(packet, firstRecord);
-    QSet<unsigned long long> seen;
     QVector<int> childrenLeft { 1 };
     while (!childrenLeft.isEmpty()) {
         if (childrenLeft.last() == 0) {
@@ -111,13 +165,12 @@ int countUnits(const QByteArray& packet, int firstRecord, int version)
         fields.skip(layout.childCountOffset - fields.position());
         const int children = readChildCount(fields, layout.childCount16);
         // A repeated unit's children are not sent again.
-        if (seen.contains(id))
+        if (!seen->insert(id))
             continue;
-        seen.insert(id);
         if (children > 0)
             childrenLeft.append(children);
     }
-    return seen.size();
+    return seen->size();
 }
 
 // Whole dB in -80..10 from a linear level. +infinity would overflow the
@@ -316,6 +369,7 @@ DSPNode& DSPNode::operator=(DSPNode&& other) noexcept
 
 DSPTree::DSPTree(ProfilerNetwork* network)
     : network(network)
+    , unitIds(new UnitIdSet)
 {
     connect(network, &ProfilerNetwork::packetReady, this, &DSPTree::slotPacketArrived);
 }
@@ -373,7 +427,7 @@ bool DSPTree::readDSPData()
 
     // A packet that ends before its records do is dropped whole, so the
     // graph on screen is never a partial one.
-    const int unitCount = in.ok() ? countUnits(packet, in.position(), version) : -1;
+    const int unitCount = in.ok() ? countUnits(packet, in.position(), version, unitIds.get()) : -1;
     if (unitCount < 0) {
         cpuUsage = 0.0f;
         timingRate = 0;
@@ -438,27 +492,47 @@ void DSPTree::rebuildDSPGraph(const QByteArray& packet, int version, int firstRe
 // unchanged name need not be decoded again.
 void DSPTree::markUnitsForReuse(int version)
 {
-    for (DSPNode* node : qAsConst(nodesById))
-        node->walkIndex = UnreadUnit;
-    // Records of a table edited by hand may name units that are gone.
-    if (version != dspVersion || !nodesById.isSharedWith(shapeNodes))
+    previousUnits.clear();
+    // Records of a table edited by hand may name units that are gone, so
+    // such a table is walked itself.
+    if (!nodesById.isSharedWith(shapeNodes)) {
+        for (DSPNode* node : qAsConst(nodesById))
+            node->walkIndex = UnreadUnit;
         return;
+    }
+    const bool sameLayout = version == dspVersion;
     for (int i = 0; i < shapeRecords.size(); ++i) {
-        if (shapeRecords.at(i).first)
-            shapeRecords.at(i).node->walkIndex = i;
+        const ShapeRecord& shape = shapeRecords.at(i);
+        if (!shape.first)
+            continue;
+        shape.node->walkIndex = sameLayout ? i : UnreadUnit;
+        previousUnits.append(shape.node);
     }
 }
 
+// Deletes the units the walk did not read. A table built here is keyed by
+// unit id, so the last network's units are enough to find them; a table
+// edited by hand is walked itself.
 void DSPTree::dropUnreadUnits()
 {
-    for (auto it = nodesById.begin(); it != nodesById.end();) {
-        if (it.value()->walkIndex == ReadUnit) {
-            ++it;
-            continue;
+    if (previousUnits.isEmpty()) {
+        for (auto it = nodesById.begin(); it != nodesById.end();) {
+            if (it.value()->walkIndex == ReadUnit) {
+                ++it;
+                continue;
+            }
+            delete it.value();
+            it = nodesById.erase(it);
         }
-        delete it.value();
-        it = nodesById.erase(it);
+        return;
     }
+    for (DSPNode* node : qAsConst(previousUnits)) {
+        if (node->walkIndex == ReadUnit)
+            continue;
+        nodesById.remove(node->id);
+        delete node;
+    }
+    previousUnits.clear();
 }
 
 void DSPTree::createDSPRecurse(const char** cursor, DSPNode* parent)

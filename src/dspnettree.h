@@ -8,6 +8,8 @@
 #include <QUuid>
 #include <QVector>
 
+#include <memory>
+
 class PacketReader;
 class ProfilerNetwork;
 
@@ -60,6 +62,9 @@ class DSPTree : public QObject
     Q_OBJECT
 
 public:
+    // The set of unit ids the validation walk uses (dspnettree.cpp).
+    class UnitIdSet;
+
     explicit DSPTree(ProfilerNetwork* network);
     ~DSPTree() override;
 
@@ -159,9 +164,12 @@ private:
     QVector<StagedValues> staged;
     QVector<char> stagedLevels;
     DSPNode scratch;
+    std::unique_ptr<UnitIdSet> unitIds;
 
-    // The packet of the network being replaced, while a rebuild runs.
+    // The packet and the units of the network being replaced, while a
+    // rebuild runs.
     QByteArray previousPacket;
+    QVector<DSPNode*> previousUnits;
     int previousFirstRecord = 0;
 
     quint64 shapeSerial = 0;

@@ -301,6 +301,12 @@ QString layoutDigest(const DSPNetGraph& graph)
                      .arg(group.rect.width())
                      .arg(group.rect.height());
     }
+    QList<int> keys = graph.placedTable.keys();
+    std::sort(keys.begin(), keys.end());
+    for (int key : keys) {
+        const QPoint position = graph.placedTable.value(key);
+        lines << QStringLiteral("placed %1 at %2,%3").arg(key).arg(position.x()).arg(position.y());
+    }
     lines << QStringLiteral("max %1,%2").arg(graph.maxX).arg(graph.maxY);
     if (graph.selectedFound) {
         lines << QStringLiteral("selected %1 at %2,%3")
