@@ -61,6 +61,10 @@ void updateMeterLevels(QList<float>* values, const QVector<char>& levels)
 // A space after each colon gives word wrapping a place to break.
 QString displayName(const QString& name)
 {
+    // Most names have no colon; looking for one is far cheaper than a
+    // replace that finds nothing.
+    if (!name.contains(QLatin1Char(':')))
+        return name;
     return QString(name).replace(QLatin1Char(':'), QLatin1String(": "));
 }
 
@@ -288,7 +292,9 @@ bool DSPNetGraph::findPlaced(unsigned long long id, QPoint* position) const
 
 void DSPNetGraph::indexGroupBoxes()
 {
-    if (groupIndexById.size() > 2 * groupList.size() + StaleSlack) {
+    // A network has at most a group per unit and per group record.
+    const int live = tree->nodesById.size() + tree->groups.size();
+    if (groupIndexById.size() > 2 * live + StaleSlack) {
         groupIndexById.clear();
     } else {
         for (int& index : groupIndexById)
