@@ -5,13 +5,12 @@
 #include "profilepacket.h"
 #include "profilernetwork.h"
 
-
 #include <algorithm>
 #include <climits>
-#include <cmath>
 #include <cstddef>
-#include <cstring>
 #include <utility>
+
+using namespace DSPRecords;
 
 namespace
 {
@@ -33,297 +32,8 @@ const int FirstCommandDSPVersion = 5;
 const unsigned char DSPCommandVersion = 6;
 const unsigned char GroupCommandVersion = 0;
 
-const int NameWidth = 32;
-const int LevelSlots = 32;
-const char SilentLevel = -80;
-const char LoudestLevel = 10;
-
 const int GroupRecordSize = 296;
 const int GroupNameWidth = 260;
-
-// A record's size and where its tree structure lies; the rest of a record
-// is read by the decoders below.
-struct RecordLayout
-{
-    int size;
-    int childCountOffset;
-    int nameOffset;
-    bool signedId32;
-    bool childCount16;
-};
-
-RecordLayout recordLayout(int version)
-{
-    switch (version) {
-    case 0:
-        return { 45, 36, 4, true, false };
-    case 1:
-        return { 49, 36, 4, true, false };
-    case 2:
-        return { 61, 40, 8, false, false };
-    case 3:
-        return { 179, 40, 8, false, false };
-    case 4:
-        return { 187, 48, 16, false, false };
-    case 5:
-        return { 195, 48, 16, false, false };
-    default:
-        return { 94, 24, 62, false, true };
-    }
-}
-
-unsigned long long readUnitId(PacketReader& in, bool signedId32)
-{
-    if (signedId32)
-        return static_cast<unsigned long long>(static_cast<qint64>(in.i32()));
-    return in.u64();
-}
-
-int readChildCount(PacketReader& in, bool childCount16)
-{
-    if (childCount16)
-        return in.u16();
-    // A count that is negative as a signed int reads no children.
-    return qMax(in.i32(), 0);
-}
-
-} // namespace
-
-// The ids the validation walk has met, by open addressing in arrays that
-// keep their room from packet to packet: a node-based set would allocate
-// and free an entry per unit on every update.
-class DSPTree::UnitIdSet
-{
-public:
-    // Room for at most `count` ids, all slots empty.
-    void reset(int count)
-    {
-        int capacity = 16;
-        while (capacity < 2 * count)
-            capacity *= 2;
-        // One huge packet must not hold its room for the rest of the session.
-        if (ids.capacity() > 4 * capacity) {
-            ids = QVector<unsigned long long>();
-            used = QVector<bool>();
-        }
-        ids.resize(capacity);
-        used.fill(false, capacity);
-        mask = static_cast<quint32>(capacity - 1);
-        stored = 0;
-    }
-
-    // False when the id was there already.
-    bool insert(unsigned long long id)
-    {
-        // Fibonacci hashing spreads ids that differ only in high bits.
-        quint32 slot = static_cast<quint32>((id * 0x9E3779B97F4A7C15ULL) >> 32) & mask;
-        while (used.at(int(slot))) {
-            if (ids.at(int(slot)) == id)
-                return false;
-            slot = (slot + 1) & mask;
-        }
-        used[int(slot)] = true;
-        ids[int(slot)] = id;
-        ++stored;
-        return true;
-    }
-
-    int size() const { return stored; }
-
-private:
-    QVector<unsigned long long> ids;
-    QVector<bool> used;
-    quint32 mask = 0;
-    int stored = 0;
-};
-
-namespace
-{
-
-// Walks the record structure without building anything, so that a packet
-// that ends before its records do is refused while the old graph is still
-// there. Returns the number of distinct units, or -1.
-int countUnits(const QByteArray& packet, int firstRecord, int version, DSPTree::UnitIdSet* seen)
-{
-    const RecordLayout layout = recordLayout(version);
-    // Every record but the first is some unit's child, so no more units
-    // than records can be met.
-    seen->reset(qMax(0, packet.size() - firstRecord) / layout.size + 1);
-    PacketReader in(packet, firstRecord);
-    QVector<int> childrenLeft { 1 };
-    while (!childrenLeft.isEmpty()) {
-        if (childrenLeft.last() == 0) {
-            childrenLeft.removeLast();
-            continue;
-        }
-        --childrenLeft.last();
-        const char* record = in.bytes(layout.size);
-        if (!record)
-            return -1;
-        PacketReader fields(record, layout.size);
-        const unsigned long long id = readUnitId(fields, layout.signedId32);
-        fields.skip(layout.childCountOffset - fields.position());
-        const int children = readChildCount(fields, layout.childCount16);
-        // A repeated unit's children are not sent again.
-        if (!seen->insert(id))
-            continue;
-        if (children > 0)
-            childrenLeft.append(children);
-    }
-    return seen->size();
-}
-
-// Whole dB in -80..10 from a linear level. +infinity would overflow the
-// integer conversion; like NaN and non-positive levels it counts as silence.
-char levelFromFloat(float level)
-{
-    if (!(level > 0.0f))
-        return SilentLevel;
-    const float db = 20.0f * std::log10(level);
-    if (!std::isfinite(db))
-        return SilentLevel;
-    const int whole = static_cast<int>(db);
-    if (whole > 9)
-        return LoudestLevel;
-    if (whole < -79)
-        return SilentLevel;
-    return static_cast<char>(whole);
-}
-
-void readFloatLevels(PacketReader& in, int count, DSPNode* node)
-{
-    const int used = qMin(count, LevelSlots);
-    node->levels.reserve(used);
-    for (int slot = 0; slot < LevelSlots; ++slot) {
-        const float level = in.f32BigEndian();
-        if (slot < used)
-            node->levels.append(levelFromFloat(level));
-    }
-}
-
-void readByteLevels(PacketReader& in, int count, DSPNode* node)
-{
-    const int used = qMin(count, LevelSlots);
-    node->levels.reserve(used);
-    for (int slot = 0; slot < LevelSlots; ++slot) {
-        const char level = static_cast<char>(in.i8());
-        if (slot < used)
-            node->levels.append(level);
-    }
-}
-
-// What a record says about its place in the tree rather than about the unit.
-struct RecordPlace
-{
-    int childCount = 0;
-    bool send = false;
-    bool sidechain = false;
-};
-
-void decodeRecordV0V1(PacketReader& in, int version, DSPNode* node, RecordPlace* place)
-{
-    node->id = readUnitId(in, true);
-    in.skip(NameWidth);
-    place->childCount = readChildCount(in, false);
-    node->active = in.u8() != 0;
-    in.skip(4);
-    if (version == 1)
-        node->exclusiveUsage = in.u32();
-}
-
-// Versions 2 to 5 share the run of fields from the name to the level count.
-int readNameToLevelCount(PacketReader& in, DSPNode* node, RecordPlace* place)
-{
-    in.skip(NameWidth);
-    place->childCount = readChildCount(in, false);
-    node->active = in.u8() != 0;
-    node->bypass = in.u8() != 0;
-    in.skip(2);
-    node->exclusiveUsage = in.u16();
-    return in.u8();
-}
-
-void decodeRecordV2V3(PacketReader& in, int version, DSPNode* node, RecordPlace* place)
-{
-    node->id = in.u64();
-    const int levelCount = readNameToLevelCount(in, node, place);
-    if (version == 3) {
-        readFloatLevels(in, levelCount, node);
-        return;
-    }
-    // These targets only say how many channels there are.
-    in.skip(10);
-    node->levels.fill(SilentLevel, qMin(levelCount, LevelSlots));
-}
-
-void decodeRecordV4V5(PacketReader& in, int version, DSPNode* node, RecordPlace* place)
-{
-    node->id = in.u64();
-    node->groupId = in.u64();
-    const int levelCount = readNameToLevelCount(in, node, place);
-    readFloatLevels(in, levelCount, node);
-    if (version == 5)
-        node->sendTargetId = in.u64();
-}
-
-void decodeRecordV6(PacketReader& in, DSPNode* node, RecordPlace* place)
-{
-    node->id = in.u64();
-    node->groupId = in.u64();
-    node->sendTargetId = in.u64();
-    place->childCount = readChildCount(in, true);
-    node->exclusiveUsage = in.u16();
-    const quint8 flags = in.u8();
-    node->active = (flags & 0x01) != 0;
-    node->bypass = (flags & 0x02) != 0;
-    place->send = (flags & 0x04) != 0;
-    place->sidechain = (flags & 0x08) != 0;
-    const int levelCount = in.u8();
-    readByteLevels(in, levelCount, node);
-    in.skip(NameWidth);
-}
-
-QString readRecordName(const char* record, int version)
-{
-    PacketReader in(record, recordLayout(version).size, recordLayout(version).nameOffset);
-    return in.fixedString(NameWidth);
-}
-
-// Two records that carry the same name bytes decode to the same name.
-bool sameRecordName(const char* record, const char* other, int version)
-{
-    const int offset = recordLayout(version).nameOffset;
-    return std::memcmp(record + offset, other + offset, NameWidth) == 0;
-}
-
-// Decodes one record and moves the cursor past it; false when the record
-// does not fit before `end`. Each decoder gets exactly its record's bytes,
-// so it can neither read into the next record nor leave bytes behind. The
-// name is decoded only when asked for: a unit whose name did not change
-// keeps the string it has.
-bool decodeRecord(const char** cursor, const char* end, int version, DSPNode* node, RecordPlace* place,
-                  bool withName = true)
-{
-    const int size = recordLayout(version).size;
-    if (!end || *cursor > end || end - *cursor < size)
-        return false;
-    PacketReader in(*cursor, size);
-    if (version <= 1)
-        decodeRecordV0V1(in, version, node, place);
-    else if (version <= 3)
-        decodeRecordV2V3(in, version, node, place);
-    else if (version <= 5)
-        decodeRecordV4V5(in, version, node, place);
-    else
-        decodeRecordV6(in, node, place);
-    if (!in.ok() || in.remaining() != 0)
-        return false;
-    if (withName)
-        node->name = readRecordName(*cursor, version);
-    node->inclusiveUsage = node->exclusiveUsage;
-    *cursor += size;
-    return true;
-}
 
 QUuid readGuid(PacketReader& in)
 {
@@ -369,7 +79,6 @@ DSPNode& DSPNode::operator=(DSPNode&& other) noexcept
 
 DSPTree::DSPTree(ProfilerNetwork* network)
     : network(network)
-    , unitIds(new UnitIdSet)
 {
     connect(network, &ProfilerNetwork::packetReady, this, &DSPTree::slotPacketArrived);
 }
@@ -427,7 +136,7 @@ bool DSPTree::readDSPData()
 
     // A packet that ends before its records do is dropped whole, so the
     // graph on screen is never a partial one.
-    const int unitCount = in.ok() ? countUnits(packet, in.position(), version, unitIds.get()) : -1;
+    const int unitCount = in.ok() ? countUnits(packet, in.position(), version, &unitIds) : -1;
     if (unitCount < 0) {
         cpuUsage = 0.0f;
         timingRate = 0;
@@ -607,7 +316,7 @@ void DSPTree::takeRecord(DSPNode* node, const char* record, int childCount)
     // The walk before the rebuild checked that this many records follow.
     node->inputs.reserve(childCount);
 
-    const int size = recordLayout(dspVersion).size;
+    const int size = recordSize(dspVersion);
     const int previous = node->walkIndex;
     const bool nameKnown = previous >= 0 && previousFirstRecord + qint64(previous + 1) * size <= previousPacket.size()
                            && sameRecordName(record, previousPacket.constData() + previousFirstRecord + previous * size,
@@ -624,104 +333,6 @@ void DSPTree::releaseUnits()
     shapeNodes.clear();
     shapeRecords.clear();
     shapePacket.clear();
-}
-
-bool DSPTree::updateInPlace(const QByteArray& packet, int version, int firstRecord)
-{
-    // A table or head changed by hand is not the network last built.
-    const bool sameModel = !shapeRecords.isEmpty() && nodesById.isSharedWith(shapeNodes)
-                           && root.inputs.size() == 1 && root.inputs.first().node == shapeRecords.first().node;
-    if (!sameModel || version != dspVersion || firstRecord != shapeFirstRecord)
-        return false;
-    if (!stageValues(packet, version, firstRecord))
-        return false;
-    applyStagedValues(version);
-    sumInclusiveUsage();
-    createDSPUsage();
-    shapePacket = packet;
-    ++valueSerial;
-    return true;
-}
-
-// Reads every record the last network had and checks that it says the
-// same about the network: the same unit in the same place, with the same
-// inputs, flags, group and send target. The figures are staged, not
-// written.
-bool DSPTree::stageValues(const QByteArray& packet, int version, int firstRecord)
-{
-    const int size = recordLayout(version).size;
-    if (packet.size() - firstRecord < qint64(shapeRecords.size()) * size)
-        return false;
-    const char* cursor = packet.constData() + firstRecord;
-    const char* end = cursor + qint64(shapeRecords.size()) * size;
-    const char* previous = shapePacket.constData() + shapeFirstRecord;
-    staged.clear();
-    stagedLevels.clear();
-    for (const ShapeRecord& shape : qAsConst(shapeRecords)) {
-        const char* record = cursor;
-        const char* previousRecord = previous;
-        previous += size;
-        clearScratch();
-        RecordPlace place;
-        if (!decodeRecord(&cursor, end, version, &scratch, &place, false))
-            return false;
-        const DSPNode* node = shape.node;
-        if (scratch.id != node->id || place.send != shape.send || place.sidechain != shape.sidechain)
-            return false;
-        if (!shape.first)
-            continue;
-        if (place.childCount != shape.childCount || scratch.groupId != node->groupId
-            || scratch.sendTargetId != node->sendTargetId || scratch.active != node->active) {
-            return false;
-        }
-        staged.append({ shape.node, record, scratch.exclusiveUsage, stagedLevels.size(), scratch.levels.size(),
-                        scratch.bypass, !sameRecordName(record, previousRecord, version) });
-        // Copied, not appended as a vector: appending a whole vector to an
-        // empty one shares it, and the next record would copy it.
-        const int levelStart = stagedLevels.size();
-        stagedLevels.resize(levelStart + scratch.levels.size());
-        std::copy_n(scratch.levels.constData(), scratch.levels.size(), stagedLevels.data() + levelStart);
-    }
-    return true;
-}
-
-// Resets the record scratch unit, keeping the room its levels have.
-void DSPTree::clearScratch()
-{
-    QVector<char> levels = std::move(scratch.levels);
-    levels.clear();
-    scratch = DSPNode();
-    scratch.levels = std::move(levels);
-}
-
-void DSPTree::applyStagedValues(int version)
-{
-    for (const StagedValues& values : qAsConst(staged)) {
-        DSPNode* node = values.node;
-        node->bypass = values.bypass;
-        node->exclusiveUsage = values.exclusiveUsage;
-        node->inclusiveUsage = values.exclusiveUsage;
-        node->inclusiveCPU = 0.0f;
-        node->exclusiveCPU = 0.0f;
-        if (values.nameChanged)
-            node->name = readRecordName(values.record, version);
-        if (node->levels.size() != values.levelCount)
-            node->levels.resize(values.levelCount);
-        std::copy_n(stagedLevels.constData() + values.levelStart, values.levelCount, node->levels.data());
-    }
-}
-
-// A unit's inclusive cost is its own plus that of the units first read
-// below it. Records come parent first, so going backwards every unit is
-// complete before it is added to its parent.
-void DSPTree::sumInclusiveUsage()
-{
-    root.inclusiveUsage = 0;
-    for (int i = shapeRecords.size() - 1; i >= 0; --i) {
-        const ShapeRecord& shape = shapeRecords.at(i);
-        if (shape.first)
-            shape.parent->inclusiveUsage += shape.node->inclusiveUsage;
-    }
 }
 
 // Every unit of the network once. The records of the last packet list them

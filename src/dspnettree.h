@@ -1,14 +1,14 @@
 #ifndef DSPNETTREE_H
 #define DSPNETTREE_H
 
+#include "dsprecords.h"
+
 #include <QByteArray>
 #include <QHash>
 #include <QObject>
 #include <QString>
 #include <QUuid>
 #include <QVector>
-
-#include <memory>
 
 class PacketReader;
 class ProfilerNetwork;
@@ -62,9 +62,6 @@ class DSPTree : public QObject
     Q_OBJECT
 
 public:
-    // The set of unit ids the validation walk uses (dspnettree.cpp).
-    class UnitIdSet;
-
     explicit DSPTree(ProfilerNetwork* network);
     ~DSPTree() override;
 
@@ -136,6 +133,7 @@ private:
     void readDSPPrologue(PacketReader* in, int version);
     void rebuildDSPGraph(const QByteArray& packet, int version, int firstRecord, int unitCount);
     bool readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit>* pending);
+    // Updates of the same network (dspnettreeupdate.cpp).
     bool updateInPlace(const QByteArray& packet, int version, int firstRecord);
     bool stageValues(const QByteArray& packet, int version, int firstRecord);
     void clearScratch();
@@ -164,7 +162,7 @@ private:
     QVector<StagedValues> staged;
     QVector<char> stagedLevels;
     DSPNode scratch;
-    std::unique_ptr<UnitIdSet> unitIds;
+    DSPRecords::UnitIdSet unitIds;
 
     // The packet and the units of the network being replaced, while a
     // rebuild runs.

@@ -1,0 +1,108 @@
+#include "dspnettree.h"
+
+#include <algorithm>
+
+using namespace DSPRecords;
+
+// A snapshot of the network already built carries the same records in the
+// same order with new figures. It is recognised record by record against
+// the list kept from the last build, and its figures are written into the
+// units in place: no unit, name or list is allocated or freed.
+
+bool DSPTree::updateInPlace(const QByteArray& packet, int version, int firstRecord)
+{
+    // A table or head changed by hand is not the network last built.
+    const bool sameModel = !shapeRecords.isEmpty() && nodesById.isSharedWith(shapeNodes)
+                           && root.inputs.size() == 1 && root.inputs.first().node == shapeRecords.first().node;
+    if (!sameModel || version != dspVersion || firstRecord != shapeFirstRecord)
+        return false;
+    if (!stageValues(packet, version, firstRecord))
+        return false;
+    applyStagedValues(version);
+    sumInclusiveUsage();
+    createDSPUsage();
+    shapePacket = packet;
+    ++valueSerial;
+    return true;
+}
+
+// Reads every record the last network had and checks that it says the
+// same about the network: the same unit in the same place, with the same
+// inputs, flags, group and send target. The figures are staged, not
+// written.
+bool DSPTree::stageValues(const QByteArray& packet, int version, int firstRecord)
+{
+    const int size = recordSize(version);
+    if (packet.size() - firstRecord < qint64(shapeRecords.size()) * size)
+        return false;
+    const char* cursor = packet.constData() + firstRecord;
+    const char* end = cursor + qint64(shapeRecords.size()) * size;
+    const char* previous = shapePacket.constData() + shapeFirstRecord;
+    staged.clear();
+    stagedLevels.clear();
+    for (const ShapeRecord& shape : qAsConst(shapeRecords)) {
+        const char* record = cursor;
+        const char* previousRecord = previous;
+        previous += size;
+        clearScratch();
+        RecordPlace place;
+        if (!decodeRecord(&cursor, end, version, &scratch, &place, false))
+            return false;
+        const DSPNode* node = shape.node;
+        if (scratch.id != node->id || place.send != shape.send || place.sidechain != shape.sidechain)
+            return false;
+        if (!shape.first)
+            continue;
+        if (place.childCount != shape.childCount || scratch.groupId != node->groupId
+            || scratch.sendTargetId != node->sendTargetId || scratch.active != node->active) {
+            return false;
+        }
+        staged.append({ shape.node, record, scratch.exclusiveUsage, stagedLevels.size(), scratch.levels.size(),
+                        scratch.bypass, !sameRecordName(record, previousRecord, version) });
+        // Copied, not appended as a vector: appending a whole vector to an
+        // empty one shares it, and the next record would copy it.
+        const int levelStart = stagedLevels.size();
+        stagedLevels.resize(levelStart + scratch.levels.size());
+        std::copy_n(scratch.levels.constData(), scratch.levels.size(), stagedLevels.data() + levelStart);
+    }
+    return true;
+}
+
+// Resets the record scratch unit, keeping the room its levels have.
+void DSPTree::clearScratch()
+{
+    QVector<char> levels = std::move(scratch.levels);
+    levels.clear();
+    scratch = DSPNode();
+    scratch.levels = std::move(levels);
+}
+
+void DSPTree::applyStagedValues(int version)
+{
+    for (const StagedValues& values : qAsConst(staged)) {
+        DSPNode* node = values.node;
+        node->bypass = values.bypass;
+        node->exclusiveUsage = values.exclusiveUsage;
+        node->inclusiveUsage = values.exclusiveUsage;
+        node->inclusiveCPU = 0.0f;
+        node->exclusiveCPU = 0.0f;
+        if (values.nameChanged)
+            node->name = readRecordName(values.record, version);
+        if (node->levels.size() != values.levelCount)
+            node->levels.resize(values.levelCount);
+        std::copy_n(stagedLevels.constData() + values.levelStart, values.levelCount, node->levels.data());
+    }
+}
+
+// A unit's inclusive cost is its own plus that of the units first read
+// below it. Records come parent first, so going backwards every unit is
+// complete before it is added to its parent.
+void DSPTree::sumInclusiveUsage()
+{
+    root.inclusiveUsage = 0;
+    for (int i = shapeRecords.size() - 1; i >= 0; --i) {
+        const ShapeRecord& shape = shapeRecords.at(i);
+        if (shape.first)
+            shape.parent->inclusiveUsage += shape.node->inclusiveUsage;
+    }
+}

@@ -1,0 +1,59 @@
+#ifndef DSPRECORDS_H
+#define DSPRECORDS_H
+
+#include <QByteArray>
+#include <QString>
+#include <QVector>
+
+struct DSPNode;
+
+// The unit records of a DSP network packet in every layout a target may
+// send (versions 0 to 6): their sizes and fields, and the walk that checks
+// their tree structure before anything is built from them.
+namespace DSPRecords
+{
+
+// What a record says about its place in the tree rather than about the unit.
+struct RecordPlace
+{
+    int childCount = 0;
+    bool send = false;
+    bool sidechain = false;
+};
+
+// The ids the validation walk has met, by open addressing in arrays that
+// keep their room from packet to packet: a node-based set would allocate
+// and free an entry per unit on every update.
+class UnitIdSet
+{
+public:
+    // Room for at most `count` ids, all slots empty.
+    void reset(int count);
+    // False when the id was there already.
+    bool insert(unsigned long long id);
+    int size() const { return stored; }
+
+private:
+    QVector<unsigned long long> ids;
+    QVector<bool> used;
+    quint32 mask = 0;
+    int stored = 0;
+};
+
+int recordSize(int version);
+
+// Decodes one record and moves the cursor past it; false when the record
+// does not fit before `end`. The name is decoded only when asked for.
+bool decodeRecord(const char** cursor, const char* end, int version, DSPNode* node, RecordPlace* place,
+                  bool withName = true);
+QString readRecordName(const char* record, int version);
+// Two records that carry the same name bytes decode to the same name.
+bool sameRecordName(const char* record, const char* other, int version);
+
+// The number of distinct units of the records from `firstRecord` on, or -1
+// when the packet ends before its records do.
+int countUnits(const QByteArray& packet, int firstRecord, int version, UnitIdSet* seen);
+
+} // namespace DSPRecords
+
+#endif // DSPRECORDS_H
