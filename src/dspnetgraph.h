@@ -152,7 +152,7 @@ private:
         QPoint position;
     };
 
-    // Layout (dspnetgraphlayout.cpp).
+    // Layout (dspnetgraphlayout.cpp; group boxes in dspnetgraphgroups.cpp).
     void layOutTree();
     bool canUpdateLayoutInPlace() const;
     void rememberLayoutSource();

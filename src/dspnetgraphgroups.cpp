@@ -1,0 +1,155 @@
+#include "dspnetgraph.h"
+
+#include "dspnetgraphgeometry.h"
+
+#include <set>
+
+using namespace DSPNetGraphGeometry;
+
+namespace
+{
+
+// The group index of an entry of groupIndexById left from the last pass:
+// entries are overwritten instead of the index being emptied and refilled,
+// which would free and allocate an entry per group.
+const int StaleGroup = -1;
+// An index holding more stale entries than this beyond its live ones is
+// emptied instead, so group ids that come and go cannot make it grow.
+const int StaleSlack = 1024;
+
+} // namespace
+
+// Group boxes: one around the units of each group, found while the units
+// are placed, then named from the model's groups, and boxes around the
+// boxes of child groups for groups without units of their own.
+
+void DSPNetGraph::indexGroupBoxes()
+{
+    // A network has at most a group per unit and per group record.
+    const int live = tree->nodesById.size() + tree->groups.size();
+    if (groupIndexById.size() > 2 * live + StaleSlack) {
+        groupIndexById.clear();
+    } else {
+        for (int& index : groupIndexById)
+            index = StaleGroup;
+    }
+    for (int i = 0; i < groupList.size(); ++i) {
+        if (groupIndexById.value(groupList.at(i).id, StaleGroup) == StaleGroup)
+            groupIndexById.insert(groupList.at(i).id, i);
+    }
+}
+
+void DSPNetGraph::addToGroupBox(unsigned long long groupId, const QRect& extent)
+{
+    const int index = groupIndexById.value(groupId, StaleGroup);
+    if (index != StaleGroup) {
+        DSPGroupGraphicalNode& group = groupList[index];
+        group.rect = group.rect.united(QRectF(extent));
+        return;
+    }
+    DSPGroupGraphicalNode group;
+    group.rect = QRectF(extent);
+    group.id = groupId;
+    groupIndexById.insert(groupId, groupList.size());
+    groupList.append(group);
+}
+
+void DSPNetGraph::processGroups(const GroupNode* const* groups, int count)
+{
+    layoutReusable = false;
+    if (!groups || count <= 0)
+        return;
+    QVector<bool> done(count, false);
+    nameGroupBoxes(groups, count, &done);
+    addParentGroupBoxes(groups, count, &done);
+}
+
+// Boxes made from units learn their group's name and parent.
+void DSPNetGraph::nameGroupBoxes(const GroupNode* const* groups, int count, QVector<bool>* done)
+{
+    indexGroupBoxes();
+    for (int i = 0; i < count; ++i) {
+        const GroupNode* group = groups[i];
+        if (!group) {
+            (*done)[i] = true;
+            continue;
+        }
+        const int index = groupIndexById.value(group->id, StaleGroup);
+        if (index == StaleGroup)
+            continue;
+        groupList[index].name = group->name;
+        groupList[index].parentId = group->parentId;
+        (*done)[i] = true;
+    }
+}
+
+// A group without units of its own gets a box around the boxes of its
+// children, once it has any. The groups are visited in passes over the model
+// order, each pass seeing the boxes added before it in the same pass, until a
+// pass adds nothing. Instead of rescanning every box on each pass, the boxes
+// are summed up per parent as they are added and only the groups that have
+// children are visited, in the order the passes would reach them.
+void DSPNetGraph::addParentGroupBoxes(const GroupNode* const* groups, int count,
+                                      QVector<bool>* done)
+{
+    struct ChildBoxes
+    {
+        QRectF rect;
+        int level = 0;
+    };
+    QHash<unsigned long long, ChildBoxes> childBoxes;
+    auto addChild = [&childBoxes](const DSPGroupGraphicalNode& box) {
+        const QRectF grown = box.rect.adjusted(-ParentGroupMargin, -ParentGroupMargin,
+                                               ParentGroupMargin, ParentGroupMargin);
+        const auto found = childBoxes.find(box.parentId);
+        if (found == childBoxes.end()) {
+            childBoxes.insert(box.parentId, ChildBoxes { grown, box.level });
+            return true;
+        }
+        found->rect = found->rect.united(grown);
+        found->level = qMax(found->level, box.level);
+        return false;
+    };
+    for (const DSPGroupGraphicalNode& box : qAsConst(groupList))
+        addChild(box);
+
+    QHash<unsigned long long, QVector<int>> waitingById;
+    std::set<int> thisPass;
+    for (int i = 0; i < count; ++i) {
+        if ((*done)[i])
+            continue;
+        waitingById[groups[i]->id].append(i);
+        if (childBoxes.contains(groups[i]->id))
+            thisPass.insert(i);
+    }
+
+    std::set<int> nextPass;
+    while (!thisPass.empty()) {
+        const int i = *thisPass.begin();
+        thisPass.erase(thisPass.begin());
+        const GroupNode* group = groups[i];
+        const ChildBoxes children = childBoxes.value(group->id);
+
+        DSPGroupGraphicalNode box;
+        box.rect = children.rect;
+        box.id = group->id;
+        box.parentId = group->parentId;
+        box.name = group->name;
+        box.guidString = group->guid.isNull() ? QString() : group->guid.toString();
+        box.level = children.level + 1;
+        groupList.append(box);
+        (*done)[i] = true;
+
+        // The parent has its first child now: later groups in the model
+        // order see it in this pass, earlier ones in the next.
+        if (addChild(box)) {
+            for (int waiting : waitingById.value(box.parentId)) {
+                if (!(*done)[waiting])
+                    (waiting > i ? thisPass : nextPass).insert(waiting);
+            }
+        }
+        if (thisPass.empty())
+            thisPass.swap(nextPass);
+    }
+}
+
