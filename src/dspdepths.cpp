@@ -36,8 +36,14 @@ DepthGraph exploreDepthGraph(DSPNode* start, int sizeHint)
         int next;
     };
     DepthGraph graph;
+    // Every unit has one entry in each of these, and most have one input.
     graph.units.reserve(sizeHint);
+    graph.firstEdge.reserve(sizeHint);
+    graph.edgeTarget.reserve(sizeHint);
+    graph.backEdge.reserve(sizeHint);
+    graph.postOrder.reserve(sizeHint);
     QVector<bool> onStack;
+    onStack.reserve(sizeHint);
     QVector<Frame> stack;
     const auto discover = [&](DSPNode* node) {
         const int unit = graph.units.size();
