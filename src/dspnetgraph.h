@@ -243,7 +243,6 @@ private:
     QVector<GroupNode*> laidGroups;
     quint64 laidShapeSerial = 0;
     quint64 laidValueSerial = 0;
-    quint64 laidGroupSerial = 0;
     bool laidExcessiveInputs = false;
     bool laidInactiveInputs = false;
     bool layoutReusable = false;

@@ -140,12 +140,12 @@ void DSPNetGraph::layOutTree()
 
 // Only an update the model made in place since this layout, with the same
 // network, groups and input options, leaves the layout as it is. A model
-// changed by hand reports no such update; group lists edited by hand no
-// longer share their data with the one laid out.
+// changed by hand reports no such update; a group list read anew or edited
+// by hand no longer shares its data with the one laid out.
 bool DSPNetGraph::canUpdateLayoutInPlace() const
 {
     return layoutReusable && tree->getValueSerial() != laidValueSerial
-           && tree->getShapeSerial() == laidShapeSerial && tree->getGroupSerial() == laidGroupSerial
+           && tree->getShapeSerial() == laidShapeSerial
            && showExcessiveInputs == laidExcessiveInputs && showInactiveInputs == laidInactiveInputs
            && tree->groups.isSharedWith(laidGroups);
 }
@@ -155,7 +155,6 @@ void DSPNetGraph::rememberLayoutSource()
     laidGroups = tree->groups;
     laidShapeSerial = tree->getShapeSerial();
     laidValueSerial = tree->getValueSerial();
-    laidGroupSerial = tree->getGroupSerial();
     laidExcessiveInputs = showExcessiveInputs;
     laidInactiveInputs = showInactiveInputs;
     layoutReusable = true;
@@ -254,7 +253,8 @@ void DSPNetGraph::processNodes(const DSPNode::InputRecord& record, QPoint parent
     }
     // Units of the last layout that were not overwritten go now.
     nodeList.resize(placedCount);
-    dropStalePlacements();
+    if (parentPosition == NoPosition)
+        dropStalePlacements();
 }
 
 void DSPNetGraph::markPlacedTableStale(int units)

@@ -169,11 +169,8 @@ void DSPTree::rebuildDSPGraph(const QByteArray& packet, int version, int firstRe
     // The units of the last network are reused for the same ids: most of a
     // changed network is still the network it was.
     markUnitsForReuse(version);
-    previousPacket = shapePacket;
-    previousFirstRecord = shapeFirstRecord;
     shapeNodes.clear();
     shapeRecords.clear();
-    shapePacket.clear();
     root = DSPNode();
     dspVersion = version;
 
@@ -183,7 +180,6 @@ void DSPTree::rebuildDSPGraph(const QByteArray& packet, int version, int firstRe
     createDSPRecurse(&cursor, &root);
     recordsEnd = nullptr;
     dropUnreadUnits();
-    previousPacket.clear();
 
     shapeNodes = nodesById;
     shapePacket = packet;
@@ -318,8 +314,9 @@ void DSPTree::takeRecord(DSPNode* node, const char* record, int childCount)
 
     const int size = recordSize(dspVersion);
     const int previous = node->walkIndex;
-    const bool nameKnown = previous >= 0 && previousFirstRecord + qint64(previous + 1) * size <= previousPacket.size()
-                           && sameRecordName(record, previousPacket.constData() + previousFirstRecord + previous * size,
+    // shapePacket is still the last network's packet while the walk runs.
+    const bool nameKnown = previous >= 0 && shapeFirstRecord + qint64(previous + 1) * size <= shapePacket.size()
+                           && sameRecordName(record, shapePacket.constData() + shapeFirstRecord + previous * size,
                                              dspVersion);
     if (!nameKnown)
         node->name = readRecordName(record, dspVersion);
@@ -399,7 +396,6 @@ bool DSPTree::readGroupData()
     qDeleteAll(groups);
     groups.clear();
     groupVersion = version;
-    ++groupSerial;
     // The count comes from the bytes received, never from a field, and a
     // partial record at the end is ignored.
     const int count = (packet.size() - TARN::ProfilePacketHeaderSize) / GroupRecordSize;

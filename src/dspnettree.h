@@ -90,11 +90,9 @@ public:
     // Counters a view compares to tell what the last update changed: the
     // shape counts rebuilt networks, the values count networks updated in
     // place (same units, inputs, flags, groups and send targets; only
-    // names, costs, levels and bypass states new), the groups count group
-    // lists read.
+    // names, costs, levels and bypass states new).
     quint64 getShapeSerial() const { return shapeSerial; }
     quint64 getValueSerial() const { return valueSerial; }
-    quint64 getGroupSerial() const { return groupSerial; }
 
 signals:
     void dspNetTreeUpdated();
@@ -164,15 +162,11 @@ private:
     DSPNode scratch;
     DSPRecords::UnitIdSet unitIds;
 
-    // The packet and the units of the network being replaced, while a
-    // rebuild runs.
-    QByteArray previousPacket;
+    // The units of the network being replaced, while a rebuild runs.
     QVector<DSPNode*> previousUnits;
-    int previousFirstRecord = 0;
 
     quint64 shapeSerial = 0;
     quint64 valueSerial = 0;
-    quint64 groupSerial = 0;
 };
 
 #endif // DSPNETTREE_H
