@@ -53,13 +53,9 @@ class TestCustomWidgets : public QObject
     Q_OBJECT
 
 private slots:
-    void labelSizesItselfToText_data();
-    void labelSizesItselfToText();
-    void labelIgnoresSameText();
-    void labelDrawsInItsColour();
+    void label();
     void buttonPicksImageForState_data();
     void buttonPicksImageForState();
-    void buttonHitRect_data();
     void buttonHitRect();
     void buttonLoadsPathOnce();
 
@@ -79,29 +75,17 @@ QString TestCustomWidgets::writeImage(const QString& name, QColor colour)
     return path;
 }
 
-void TestCustomWidgets::labelSizesItselfToText_data()
-{
-    QTest::addColumn<QString>("text");
-    QTest::newRow("empty") << QString();
-    QTest::newRow("legend figures") << QString("12.50 [3.10 - 40.00] / 100.00%");
-}
-
-void TestCustomWidgets::labelSizesItselfToText()
-{
-    QFETCH(QString, text);
-    ProfilerSimpleLabel label;
-    label.setText("x");
-    label.setText(text);
-
-    const QSize expected = QFontMetrics(label.font()).size(0, text);
-    QCOMPARE(label.minimumSize(), expected);
-    QCOMPARE(label.maximumSize(), expected);
-}
-
-void TestCustomWidgets::labelIgnoresSameText()
+void TestCustomWidgets::label()
 {
     ProfilerSimpleLabel label;
-    label.setText("Some text");
+    label.setText("MMMM");
+    label.setColor(QColor(Qt::red));
+    QVERIFY(containsColour(label.grab().toImage(), Qt::red));
+    label.setColor(QColor(Qt::blue));
+    const QImage blueImage = label.grab().toImage();
+    QVERIFY(containsColour(blueImage, Qt::blue));
+    QVERIFY(!containsColour(blueImage, Qt::red));
+
     label.show();
     QVERIFY(QTest::qWaitForWindowExposed(&label));
     const QSize sizeBefore = label.maximumSize();
@@ -109,10 +93,11 @@ void TestCustomWidgets::labelIgnoresSameText()
     bigFont.setPointSize(bigFont.pointSize() * 3);
     label.setFont(bigFont);
     QCoreApplication::processEvents();
-
     PaintCounter counter;
     label.installEventFilter(&counter);
-    label.setText("Some text");
+
+    // The same text is neither measured nor painted again.
+    label.setText("MMMM");
     QCoreApplication::processEvents();
     QCOMPARE(counter.count, 0);
     QCOMPARE(label.maximumSize(), sizeBefore);
@@ -120,52 +105,39 @@ void TestCustomWidgets::labelIgnoresSameText()
     label.setText("Other text");
     QCoreApplication::processEvents();
     QVERIFY(counter.count >= 1);
-    QCOMPARE(label.maximumSize(), QFontMetrics(bigFont).size(0, "Other text"));
-}
-
-void TestCustomWidgets::labelDrawsInItsColour()
-{
-    ProfilerSimpleLabel label;
-    label.setText("MMMM");
-    label.setColor(QColor(Qt::red));
-    QVERIFY(containsColour(label.grab().toImage(), Qt::red));
-
-    label.setColor(QColor(Qt::blue));
-    const QImage blueImage = label.grab().toImage();
-    QVERIFY(containsColour(blueImage, Qt::blue));
-    QVERIFY(!containsColour(blueImage, Qt::red));
+    const QSize expected = QFontMetrics(bigFont).size(0, "Other text");
+    QCOMPARE(label.minimumSize(), expected);
+    QCOMPARE(label.maximumSize(), expected);
 }
 
 void TestCustomWidgets::buttonPicksImageForState_data()
 {
+    QTest::addColumn<QString>("state");
     QTest::addColumn<QList<int>>("keys");
-    QTest::addColumn<bool>("down");
-    QTest::addColumn<bool>("checked");
-    QTest::addColumn<bool>("hovered");
     QTest::addColumn<int>("shownKey");
 
     const QList<int> all = {0, 1, 2, 3, 4};
-    QTest::newRow("idle") << all << false << false << false << 0;
-    QTest::newRow("hovered") << all << false << false << true << 4;
-    QTest::newRow("pressed") << all << true << false << false << 1;
-    QTest::newRow("checked") << all << false << true << false << 2;
-    QTest::newRow("checked and hovered") << all << false << true << true << 2;
-    QTest::newRow("checked and pressed") << all << true << true << false << 3;
-    QTest::newRow("only normal, every state") << QList<int>{0} << true << true << true << 0;
-    QTest::newRow("checked, keys 0 1 4") << QList<int>{0, 1, 4} << false << true << false << 1;
-    QTest::newRow("checked hovered, keys 0 1 4") << QList<int>{0, 1, 4} << false << true << true << 1;
-    QTest::newRow("checked hovered, keys 0 4") << QList<int>{0, 4} << false << true << true << 4;
-    QTest::newRow("checked pressed, keys 0 2") << QList<int>{0, 2} << true << true << false << 0;
-    QTest::newRow("pressed, keys 0 3") << QList<int>{0, 3} << true << false << false << 0;
+    QTest::newRow("idle") << "" << all << 0;
+    QTest::newRow("hovered") << "hovered" << all << 4;
+    QTest::newRow("pressed") << "down" << all << 1;
+    QTest::newRow("checked") << "checked" << all << 2;
+    QTest::newRow("checked and hovered") << "checked hovered" << all << 2;
+    QTest::newRow("checked and pressed") << "checked down" << all << 3;
+    QTest::newRow("only normal, every state") << "checked down hovered" << QList<int>{0} << 0;
+    QTest::newRow("checked, keys 0 1 4") << "checked" << QList<int>{0, 1, 4} << 1;
+    QTest::newRow("checked hovered, keys 0 1 4") << "checked hovered" << QList<int>{0, 1, 4} << 1;
+    QTest::newRow("checked hovered, keys 0 4") << "checked hovered" << QList<int>{0, 4} << 4;
+    QTest::newRow("checked pressed, keys 0 2") << "checked down" << QList<int>{0, 2} << 0;
+    QTest::newRow("pressed, keys 0 3") << "down" << QList<int>{0, 3} << 0;
 }
 
 void TestCustomWidgets::buttonPicksImageForState()
 {
+    QFETCH(QString, state);
     QFETCH(QList<int>, keys);
-    QFETCH(bool, down);
-    QFETCH(bool, checked);
-    QFETCH(bool, hovered);
     QFETCH(int, shownKey);
+    const bool down = state.contains("down"), checked = state.contains("checked");
+    const bool hovered = state.contains("hovered");
 
     QMap<int, QString> resourceMap;
     for (int key : keys)
@@ -192,34 +164,27 @@ void TestCustomWidgets::buttonPicksImageForState()
     }
 }
 
-void TestCustomWidgets::buttonHitRect_data()
-{
-    QTest::addColumn<QRect>("hitRect");
-    QTest::addColumn<QPoint>("clickAt");
-    QTest::addColumn<bool>("clicked");
-
-    QTest::newRow("whole widget, corner") << QRect() << QPoint(39, 19) << true;
-    QTest::newRow("left half, right edge") << QRect(0, 0, 20, 20) << QPoint(19, 10) << true;
-    QTest::newRow("left half, just outside") << QRect(0, 0, 20, 20) << QPoint(20, 10) << false;
-    QTest::newRow("inverted counts as none") << QRect(QPoint(20, 0), QPoint(0, 19)) << QPoint(30, 10) << true;
-}
-
 void TestCustomWidgets::buttonHitRect()
 {
-    QFETCH(QRect, hitRect);
-    QFETCH(QPoint, clickAt);
-    QFETCH(bool, clicked);
-
     ProfilerPixmapButton button;
     button.resize(40, 20);
-    button.setHitRect(hitRect);
-    QCOMPARE(button.getHitRect(), hitRect);
     button.show();
     QVERIFY(QTest::qWaitForWindowExposed(&button));
+    QSignalSpy clicked(&button, &QAbstractButton::clicked);
 
-    QSignalSpy clickedSpy(&button, &QAbstractButton::clicked);
-    QTest::mouseClick(&button, Qt::LeftButton, Qt::NoModifier, clickAt);
-    QCOMPARE(clickedSpy.count(), clicked ? 1 : 0);
+    // An invalid rectangle, the default or an inverted one, means the whole widget.
+    const struct { QRect hitRect; QPoint at; bool hit; } cases[] = {
+        {QRect(), QPoint(39, 19), true},
+        {QRect(0, 0, 20, 20), QPoint(19, 10), true},
+        {QRect(0, 0, 20, 20), QPoint(20, 10), false},
+        {QRect(QPoint(20, 0), QPoint(0, 19)), QPoint(30, 10), true},
+    };
+    for (const auto& c : cases) {
+        button.setHitRect(c.hitRect);
+        clicked.clear();
+        QTest::mouseClick(&button, Qt::LeftButton, Qt::NoModifier, c.at);
+        QCOMPARE(clicked.count(), c.hit ? 1 : 0);
+    }
 }
 
 void TestCustomWidgets::buttonLoadsPathOnce()

@@ -28,34 +28,26 @@ class TestLineGraph : public QObject
     Q_OBJECT
 
 private slots:
-    void lineBasics();
+    void lineSamples();
     void lineMaximum_data();
     void lineMaximum();
-    void groupMaximum();
-    void fixedAndSlidingScale();
-    void painting_data();
+    void groupScale();
     void painting();
-    void scaleLabels_data();
-    void scaleLabels();
     void graphPaintsGroupsOverBackground();
 };
 
-void TestLineGraph::lineBasics()
+void TestLineGraph::lineSamples()
 {
-    LineValuesGroup group;
-    LineValues* line = group.addLine("DSP", QColor("red"));
-    QCOMPARE(line->getColor(), QColor("red"));
-    QCOMPARE(line->getValues(), repeated(0.0f, 500));
-
-    QSignalSpy spy(line, &LineValues::dataChanged);
-    feed(line, QList<float>{1.0f, 2.0f, 3.0f} + repeated(4.0f, 498));
-    QCOMPARE(line->getValues().size(), 500);
-    QCOMPARE(line->getValues().mid(0, 3), (QList<float>{2.0f, 3.0f, 4.0f}));
-    line->setActive(false);
-    QCOMPARE(spy.count(), 501);
-    line->setActive(true);
-    line->setActive(true);
-    QCOMPARE(spy.count(), 502);
+    LineValues line;
+    QCOMPARE(line.getValues(), repeated(0.0f, 500));
+    QSignalSpy spy(&line, &LineValues::dataChanged);
+    feed(&line, QList<float>{1.0f, 2.0f, 3.0f} + repeated(4.0f, 498));
+    QCOMPARE(line.getValues(), (QList<float>{2.0f, 3.0f} + repeated(4.0f, 498)));
+    // Only a change of state is announced.
+    line.setActive(true);
+    line.setActive(true);
+    line.setActive(false);
+    QCOMPARE(spy.count(), 503);
 }
 
 void TestLineGraph::lineMaximum_data()
@@ -82,155 +74,97 @@ void TestLineGraph::lineMaximum()
     QCOMPARE(line.getMaximum(), maximum);
 }
 
-void TestLineGraph::groupMaximum()
+void TestLineGraph::groupScale()
 {
     LineValuesGroup group;
     LineValues* first = group.addLine("first", Qt::red);
     LineValues* second = group.addLine("second", Qt::green);
     feed(first, {1.0f, 3.0f, 2.0f});
     feed(second, {8.0f, 5.0f});
-    // Switching a line takes effect at once, without new data.
+    // A sliding scale follows the active lines at once, without new data.
     const QList<std::tuple<bool, bool, float>> cases = {
-        {true, true, 8.0f}, {true, false, 3.0f}, {false, true, 8.0f}, {false, false, 0.0f}};
+        {true, true, 8.0f}, {true, false, 3.0f}, {false, true, 8.0f}, {false, false, 0.0f}, {true, false, 3.0f}};
     for (const auto& [firstActive, secondActive, maximum] : cases) {
         first->setActive(firstActive);
         second->setActive(secondActive);
         QCOMPARE(group.getMaximum(), maximum);
     }
-}
 
-void TestLineGraph::fixedAndSlidingScale()
-{
-    LineValuesGroup group;
-    LineValues* line = group.addLine("line", Qt::red);
-    line->setActive(true);
-    feed(line, {6.0f});
+    // A fixed scale keeps its maximum until it slides again; every change is announced once.
     QSignalSpy spy(&group, &LineValuesGroup::dataChanged);
-
     group.setMaximumSliding(true);
-    QCOMPARE(spy.count(), 0);
     group.setMaximumSliding(false);
+    QCOMPARE(group.getMaximum(), 3.0f);
+    group.setMaximum(3.0f);
     QCOMPARE(spy.count(), 1);
-    QCOMPARE(group.getMaximum(), 6.0f);
-    group.setMaximum(6.0f);
-    QCOMPARE(spy.count(), 1);
-    group.setMaximum(qQNaN());
-    group.setMaximum(qQNaN());
-    QCOMPARE(spy.count(), 3);
-
     group.setMaximum(50.0f);
-    feed(line, {10.0f, 80.0f});
+    feed(first, {10.0f, 80.0f});
     group.recalculateMaximum();
     QCOMPARE(group.getMaximum(), 50.0f);
-    QCOMPARE(spy.count(), 6);
-
     group.setMaximumSliding(true);
-    QCOMPARE(spy.count(), 7);
     QCOMPARE(group.getMaximum(), 80.0f);
+    QCOMPARE(spy.count(), 5);
 }
 
-void TestLineGraph::painting_data()
-{
-    QTest::addColumn<float>("fixedMaximum");
-    QTest::addColumn<bool>("active");
-    QTest::addColumn<QList<float>>("samples");
-    QTest::addColumn<QList<QPoint>>("red"); // empty: the whole image stays black
-    QTest::addColumn<QList<QPoint>>("black");
-
-    const QList<QPoint> none;
-    const float sliding = float(qQNaN());
-    // One sample step is 10 pixels wide; 5 of 20 sits at y = 150 with a 2-pixel pen.
-    QTest::newRow("sample to pixel") << 20.0f << true
-                                     << (QList<float>{10.0f} + repeated(5.0f, 498) + QList<float>{10.0f})
-                                     << QList<QPoint>{{2500, 149}, {2500, 150}, {5, 125}, {4985, 125}}
-                                     << QList<QPoint>{{2500, 148}, {2500, 151}, {15, 125}, {4975, 125}};
-    QTest::newRow("new line") << sliding << false << QList<float>() << none << none;
-    QTest::newRow("inactive, fixed") << 20.0f << false << QList<float>{10.0f, 15.0f} << none << none;
-    QTest::newRow("only negative") << sliding << true << QList<float>{-5.0f, -2.0f} << none << none;
-    QTest::newRow("fixed maximum 0") << 0.0f << true << QList<float>{10.0f, 15.0f} << none << none;
-}
-
+// One sample step is 10 pixels wide; 5 of 20 sits at y = 150 with a 2-pixel
+// pen. An inactive line, or a scale of 0, paints nothing.
 void TestLineGraph::painting()
 {
-    QFETCH(float, fixedMaximum);
-    QFETCH(bool, active);
-    QFETCH(QList<float>, samples);
-    QFETCH(QList<QPoint>, red);
-    QFETCH(QList<QPoint>, black);
+    const QList<QPoint> none;
+    const struct
+    {
+        float fixedMaximum; // NaN: sliding
+        bool active;
+        QList<float> samples;
+        QList<QPoint> red; // empty: the whole image stays black
+        QList<QPoint> black;
+    } cases[] = {
+        {20.0f, true, QList<float>{10.0f} + repeated(5.0f, 498) + QList<float>{10.0f},
+         {{2500, 149}, {2500, 150}, {5, 125}, {4985, 125}}, {{2500, 148}, {2500, 151}, {15, 125}, {4975, 125}}},
+        {20.0f, false, {10.0f, 15.0f}, none, none},
+        {float(qQNaN()), true, {-5.0f, -2.0f}, none, none},
+        {0.0f, true, {10.0f, 15.0f}, none, none},
+    };
+    for (const auto& c : cases) {
+        LineValuesGroup group;
+        LineValues* line = group.addLine("line", Qt::red);
+        line->setActive(c.active);
+        feed(line, c.samples);
+        group.setMaximumSliding(qIsNaN(c.fixedMaximum));
+        if (!qIsNaN(c.fixedMaximum))
+            group.setMaximum(c.fixedMaximum);
 
-    LineValuesGroup group;
-    LineValues* line = group.addLine("line", Qt::red);
-    line->setActive(active);
-    feed(line, samples);
-    group.setMaximumSliding(qIsNaN(fixedMaximum));
-    if (!qIsNaN(fixedMaximum))
-        group.setMaximum(fixedMaximum);
-
-    QImage image(4990, 200, QImage::Format_RGB32);
-    image.fill(Qt::black);
-    const QImage blank = image;
-    QPainter painter(&image);
-    group.paint(painter, image.size());
-    painter.end();
-    if (red.isEmpty())
-        QCOMPARE(image, blank);
-    for (const QPoint& point : red)
-        QCOMPARE(image.pixel(point), qRgb(255, 0, 0));
-    for (const QPoint& point : black)
-        QCOMPARE(image.pixel(point), qRgb(0, 0, 0));
-}
-
-void TestLineGraph::scaleLabels_data()
-{
-    QTest::addColumn<QStringList>("units");
-    QTest::addColumn<QList<int>>("precisions");
-    QTest::addColumn<QList<float>>("maxima");
-    QTest::addColumn<QString>("top");
-    QTest::addColumn<QString>("bottom");
-
-    QTest::newRow("no groups") << QStringList() << QList<int>() << QList<float>() << QString() << QString();
-    QTest::newRow("one group") << QStringList{"%"} << QList<int>{2} << QList<float>{12.5f} << "12.50%" << "0.00%";
-    QTest::newRow("two groups") << QStringList{"%", ""} << QList<int>{1, 0} << QList<float>{37.5f, 64.0f}
-                                << "37.5% / 64" << "0.0% / 0";
-    QTest::newRow("zero maximum, rounded") << QStringList{" channel(s)", ""} << QList<int>{0, 0}
-                                           << QList<float>{0.0f, 63.6f} << "0 channel(s) / 64" << "0 channel(s) / 0";
-}
-
-void TestLineGraph::scaleLabels()
-{
-    QFETCH(QStringList, units);
-    QFETCH(QList<int>, precisions);
-    QFETCH(QList<float>, maxima);
-    QFETCH(QString, top);
-    QFETCH(QString, bottom);
-
-    LineGraph graph;
-    graph.resize(300, 100);
-    for (int i = 0; i < units.size(); ++i) {
-        LineValuesGroup* group = graph.addGroup(QString("group %1").arg(i), units.at(i), precisions.at(i));
-        group->setMaximumSliding(false);
-        group->setMaximum(maxima.at(i));
+        QImage image(4990, 200, QImage::Format_RGB32);
+        image.fill(Qt::black);
+        const QImage blank = image;
+        QPainter painter(&image);
+        group.paint(painter, image.size());
+        painter.end();
+        if (c.red.isEmpty())
+            QCOMPARE(image, blank);
+        for (const QPoint& point : c.red)
+            QCOMPARE(image.pixel(point), qRgb(255, 0, 0));
+        for (const QPoint& point : c.black)
+            QCOMPARE(image.pixel(point), qRgb(0, 0, 0));
     }
-    graph.grab();
-    QCOMPARE(graph.getMaximumLabel()->getText(), top);
-    QCOMPARE(graph.getMinimumLabel()->getText(), bottom);
 }
 
+// Each group has its own scale, and its own unit and precision in the
+// labels: "other" is its group's maximum.
 void TestLineGraph::graphPaintsGroupsOverBackground()
 {
     LineGraph graph;
     graph.resize(499, 100);
-    LineValuesGroup* first = graph.addGroup("first", "", 0);
-    LineValuesGroup* second = graph.addGroup("second", "", 0);
+    LineValuesGroup* first = graph.addGroup("first", "%", 1);
+    LineValuesGroup* second = graph.addGroup("second", " channel(s)", 0);
     const QList<QPair<LineValues*, float>> lines = {{first->addLine("top", Qt::green), 10.0f},
                                                     {first->addLine("half", Qt::red), 5.0f},
-                                                    {second->addLine("other", Qt::blue), 3.0f}};
+                                                    {second->addLine("other", Qt::blue), 2.6f}};
     for (const auto& line : lines) {
         line.first->setActive(true);
         feed(line.first, repeated(line.second, 500));
     }
 
-    // Each group has its own scale: "other" is its group's maximum.
     const QImage image = graph.grab().toImage();
     QCOMPARE(image.pixel(250, 75), qRgb(49, 56, 64));
     QCOMPARE(image.pixel(250, 30), qRgb(49, 56, 64));
@@ -238,6 +172,8 @@ void TestLineGraph::graphPaintsGroupsOverBackground()
     QCOMPARE(image.pixel(250, 50), qRgb(255, 0, 0));
     QCOMPARE(image.pixel(250, 0), qRgb(0, 0, 255));
     QCOMPARE(image.pixel(498, 50), qRgb(255, 0, 0));
+    QCOMPARE(graph.getMaximumLabel()->getText(), QString("10.0% / 3 channel(s)"));
+    QCOMPARE(graph.getMinimumLabel()->getText(), QString("0.0% / 0 channel(s)"));
 }
 
 QTEST_MAIN(TestLineGraph)
