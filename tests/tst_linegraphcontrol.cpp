@@ -138,6 +138,7 @@ void TestLineGraphControl::spinBoxFixesScale()
     LineValuesGroup* cpu = panel.group(0);
 
     spinBox->setValue(50);
+    QCOMPARE(spinBox->text(), QString("50%"));
     panel.line("DSP")->addValue(80.0f);
     QCOMPARE(cpu->getMaximum(), 50.0f);
     spinBox->setValue(0);
