@@ -2,6 +2,7 @@
 #define DSPNETGRAPH_H
 
 #include "dspnettree.h"
+#include "passtable.h"
 
 #include <QColor>
 #include <QFont>
@@ -159,12 +160,12 @@ private:
     void updateLayoutInPlace();
     void findSelectedUnit();
     void resetLayout();
-    void markPlacedTableStale(int units);
-    void dropStalePlacements();
     bool findPlaced(unsigned long long id, QPoint* position) const;
     void indexGroupBoxes();
-    bool enterNode(std::vector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
+    void enterNode(std::vector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
                    QPoint parentPosition, unsigned int index, unsigned int count);
+    void enterNewNode(std::vector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
+                      QPoint parentPosition, unsigned int index, unsigned int count);
     void visitNextInput(std::vector<LayoutFrame>& stack);
     void finishNode(const DSPNode::InputRecord& record, QPoint position, QPoint parentPosition,
                     unsigned int index, unsigned int count, bool placedHere);
@@ -218,12 +219,14 @@ private:
     unsigned long long menuTargetId = 0;
 
     // Where each group id first appears in groupList, kept beside it so that
-    // a network with many groups lays out in linear time. Entries of groups
-    // no longer in the list are kept, marked stale, for the next pass.
-    QHash<unsigned long long, int> groupIndexById;
+    // a network with many groups lays out in linear time.
+    PassTable<unsigned long long, int> groupIndexById;
     // Units already marked as hidden in this pass; a unit is marked once
     // however many paths lead to it, and a cycle cannot loop.
     QSet<const DSPNode*> hiddenVisited;
+    // What placedTable will say once the pass is over, for the lookups
+    // while it runs.
+    PassTable<int, QPoint> placements;
     // Passes without a head unit append the old send lines again; counted so
     // that a target repeating such packets cannot grow the list forever.
     int staleSendPasses = 0;

@@ -6,43 +6,24 @@
 
 using namespace DSPNetGraphGeometry;
 
-namespace
-{
-
-// The group index of an entry of groupIndexById left from the last pass:
-// entries are overwritten instead of the index being emptied and refilled,
-// which would free and allocate an entry per group.
-const int StaleGroup = -1;
-// An index holding more stale entries than this beyond its live ones is
-// emptied instead, so group ids that come and go cannot make it grow.
-const int StaleSlack = 1024;
-
-} // namespace
-
 // Group boxes: one around the units of each group, found while the units
 // are placed, then named from the model's groups, and boxes around the
 // boxes of child groups for groups without units of their own.
 
 void DSPNetGraph::indexGroupBoxes()
 {
-    // A network has at most a group per unit and per group record.
-    const int live = tree->nodesById.size() + tree->groups.size();
-    if (groupIndexById.size() > 2 * live + StaleSlack) {
-        groupIndexById.clear();
-    } else {
-        for (int& index : groupIndexById)
-            index = StaleGroup;
-    }
+    groupIndexById.startPass(groupList.size() + tree->groups.size());
+    int index;
     for (int i = 0; i < groupList.size(); ++i) {
-        if (groupIndexById.value(groupList.at(i).id, StaleGroup) == StaleGroup)
+        if (!groupIndexById.find(groupList.at(i).id, &index))
             groupIndexById.insert(groupList.at(i).id, i);
     }
 }
 
 void DSPNetGraph::addToGroupBox(unsigned long long groupId, const QRect& extent)
 {
-    const int index = groupIndexById.value(groupId, StaleGroup);
-    if (index != StaleGroup) {
+    int index;
+    if (groupIndexById.find(groupId, &index)) {
         DSPGroupGraphicalNode& group = groupList[index];
         group.rect = group.rect.united(QRectF(extent));
         return;
@@ -74,8 +55,8 @@ void DSPNetGraph::nameGroupBoxes(const GroupNode* const* groups, int count, QVec
             (*done)[i] = true;
             continue;
         }
-        const int index = groupIndexById.value(group->id, StaleGroup);
-        if (index == StaleGroup)
+        int index;
+        if (!groupIndexById.find(group->id, &index))
             continue;
         groupList[index].name = group->name;
         groupList[index].parentId = group->parentId;

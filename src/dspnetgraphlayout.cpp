@@ -2,7 +2,6 @@
 
 #include "dspnetgraphgeometry.h"
 
-#include <climits>
 #include <vector>
 
 using namespace DSPNetGraphGeometry;
@@ -11,13 +10,6 @@ namespace
 {
 
 const QPoint NoPosition(-1, -1);
-// An entry of placedTable left from the last layout: while a layout runs,
-// entries are overwritten instead of the table being emptied and refilled,
-// which would free and allocate an entry per unit.
-const QPoint StalePosition(INT_MIN, INT_MIN);
-// A table holding more stale entries than this beyond its live ones is
-// emptied instead, so ids that come and go cannot make it grow for good.
-const int StaleSlack = 1024;
 // A pass without a head unit keeps the old drawing and appends its send
 // lines once more; beyond this many such passes in a row it stops growing.
 const int MaxStaleSendPasses = 16;
@@ -205,7 +197,7 @@ void DSPNetGraph::resetLayout()
     sidechainLines.clear();
     sendSidechainLines.clear();
     ellipsisPoints.clear();
-    markPlacedTableStale(tree->nodesById.size());
+    placements.startPass(tree->nodesById.size());
     placedSources.clear();
     placedSourceNames.clear();
     finishedUnits.clear();
@@ -253,52 +245,31 @@ void DSPNetGraph::processNodes(const DSPNode::InputRecord& record, QPoint parent
     }
     // Units of the last layout that were not overwritten go now.
     nodeList.resize(placedCount);
-    if (parentPosition == NoPosition)
-        dropStalePlacements();
-}
-
-void DSPNetGraph::markPlacedTableStale(int units)
-{
-    if (placedTable.size() > 2 * units + StaleSlack) {
-        placedTable.clear();
-        return;
-    }
-    for (QPoint& position : placedTable)
-        position = StalePosition;
-}
-
-void DSPNetGraph::dropStalePlacements()
-{
-    for (auto it = placedTable.begin(); it != placedTable.end();) {
-        if (it.value() == StalePosition)
-            it = placedTable.erase(it);
-        else
-            ++it;
-    }
+    placements.publish(&placedTable);
 }
 
 // Where the unit with that key was placed in this layout, if it was.
 bool DSPNetGraph::findPlaced(unsigned long long id, QPoint* position) const
 {
-    const auto placed = placedTable.constFind(placementKey(id));
-    if (placed == placedTable.constEnd() || placed.value() == StalePosition)
-        return false;
-    *position = placed.value();
-    return true;
+    return placements.find(placementKey(id), position);
 }
 
 // Places a unit and prepares the walk over its inputs; a unit placed (or
-// hidden) before only gets its connection. Returns whether a frame was pushed.
-bool DSPNetGraph::enterNode(std::vector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
+// hidden) before only gets its connection.
+void DSPNetGraph::enterNode(std::vector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
                             QPoint parentPosition, unsigned int index, unsigned int count)
 {
-    const DSPNode* node = record.node;
     QPoint placed;
-    if (findPlaced(node->id, &placed)) {
+    if (findPlaced(record.node->id, &placed))
         finishNode(record, placed, parentPosition, index, count, false);
-        return false;
-    }
+    else
+        enterNewNode(stack, record, parentPosition, index, count);
+}
 
+void DSPNetGraph::enterNewNode(std::vector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
+                               QPoint parentPosition, unsigned int index, unsigned int count)
+{
+    const DSPNode* node = record.node;
     LayoutFrame frame;
     frame.record = record;
     frame.parentPosition = parentPosition;
@@ -313,7 +284,6 @@ bool DSPNetGraph::enterNode(std::vector<LayoutFrame>& stack, const DSPNode::Inpu
     frame.inputCount = drawnInputs(node, &allInputsNew, &shownCount);
     frame.excessive = allInputsNew && shownCount > 4;
     stack.push_back(frame);
-    return true;
 }
 
 void DSPNetGraph::visitNextInput(std::vector<LayoutFrame>& stack)
@@ -330,14 +300,18 @@ void DSPNetGraph::visitNextInput(std::vector<LayoutFrame>& stack)
     const DSPNode::InputRecord input = frameInputs.at(frame.inputStart + i);
     // The first new input shares its consumer's row; each further one opens a row.
     QPoint placed;
-    if (!findPlaced(input.node->id, &placed)) {
+    const bool wasPlaced = findPlaced(input.node->id, &placed);
+    if (!wasPlaced) {
         if (frame.newInputSeen)
             ++rowCounter;
         frame.newInputSeen = true;
     }
     const QPoint position = frame.position;
     const unsigned int count = static_cast<unsigned int>(frame.inputCount);
-    enterNode(stack, input, position, static_cast<unsigned int>(i), count);
+    if (wasPlaced)
+        finishNode(input, placed, position, static_cast<unsigned int>(i), count, false);
+    else
+        enterNewNode(stack, input, position, static_cast<unsigned int>(i), count);
 }
 
 void DSPNetGraph::finishNode(const DSPNode::InputRecord& record, QPoint position,
@@ -362,7 +336,7 @@ void DSPNetGraph::finishNode(const DSPNode::InputRecord& record, QPoint position
 
 void DSPNetGraph::placeNode(const DSPNode* node, QPoint position)
 {
-    placedTable.insert(placementKey(node->id), position);
+    placements.insert(placementKey(node->id), position);
     if (placedCount == nodeList.size())
         nodeList.append(DSPNetGraphicalNode());
     setGraphicalNode(&nodeList[placedCount++], node, position);
@@ -424,7 +398,7 @@ void DSPNetGraph::hideSubtree(const DSPNode* node)
         if (!unit || hiddenVisited.contains(unit))
             continue;
         hiddenVisited.insert(unit);
-        placedTable.insert(placementKey(unit->id), NoPosition);
+        placements.insert(placementKey(unit->id), NoPosition);
         for (const DSPNode::InputRecord& input : unit->inputs)
             pending.append(input.node);
     }

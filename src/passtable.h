@@ -1,0 +1,141 @@
+#ifndef PASSTABLE_H
+#define PASSTABLE_H
+
+#include <QHash>
+#include <QVector>
+
+// A map that a layout pass fills and reads many times per unit and that the
+// next pass starts empty again: a flat open-addressing table, so a lookup
+// touches one cell instead of a bucket and a node, and emptying it counts
+// passes instead of visiting every entry. Keys are integers.
+template <typename Key, typename Value>
+class PassTable
+{
+public:
+    // Empties the table, with room for `keys` keys.
+    void startPass(int keys)
+    {
+        // The last pass's count is the best guess when the caller's is low.
+        const int capacity = capacityFor(qMax(keys, stored));
+        // A cell belongs to this pass only if it carries this pass's number;
+        // a number reused after wrapping around must not revive old cells,
+        // and one huge pass must not hold its room for the whole session.
+        if (++pass == 0 || cells.size() < capacity || cells.size() > 4 * capacity)
+            reallocate(capacity);
+        stored = 0;
+    }
+
+    bool find(Key key, Value* value) const
+    {
+        if (cells.isEmpty())
+            return false;
+        const Cell& cell = cells.at(cellFor(key));
+        if (cell.pass != pass)
+            return false;
+        *value = cell.value;
+        return true;
+    }
+
+    void insert(Key key, Value value)
+    {
+        if (2 * (stored + 1) > cells.size())
+            grow();
+        Cell& cell = cells[cellFor(key)];
+        if (cell.pass != pass) {
+            cell.key = key;
+            cell.pass = pass;
+            ++stored;
+        }
+        cell.value = value;
+    }
+
+    int size() const { return stored; }
+
+    // Makes `table` hold exactly this pass's entries. Its entries are
+    // overwritten rather than the table emptied and refilled, which would
+    // free and allocate one per key on every pass.
+    void publish(QHash<Key, Value>* table)
+    {
+        for (const Cell& cell : qAsConst(cells)) {
+            if (cell.pass == pass)
+                (*table)[cell.key] = cell.value;
+        }
+        Value value;
+        if (table->size() != stored) {
+            for (Key key : qAsConst(publishedKeys)) {
+                if (!find(key, &value))
+                    table->remove(key);
+            }
+        }
+        // A table changed by hand may hold keys of neither pass.
+        if (table->size() != stored) {
+            for (auto it = table->begin(); it != table->end();) {
+                if (find(it.key(), &value))
+                    ++it;
+                else
+                    it = table->erase(it);
+            }
+        }
+        publishedKeys.clear();
+        for (const Cell& cell : qAsConst(cells)) {
+            if (cell.pass == pass)
+                publishedKeys.append(cell.key);
+        }
+    }
+
+private:
+    struct Cell
+    {
+        Key key = 0;
+        quint32 pass = 0;
+        Value value = Value();
+    };
+
+    static int capacityFor(int keys)
+    {
+        int capacity = 16;
+        while (capacity < 2 * keys)
+            capacity *= 2;
+        return capacity;
+    }
+
+    void reallocate(int capacity)
+    {
+        cells = QVector<Cell>(capacity);
+        mask = static_cast<quint32>(capacity - 1);
+        pass = 1;
+        stored = 0;
+    }
+
+    // The cell holding `key` in this pass, or the free cell where it would go.
+    int cellFor(Key key) const
+    {
+        // Fibonacci hashing spreads keys that differ only in high bits.
+        const quint64 bits = static_cast<quint64>(key) * 0x9E3779B97F4A7C15ULL;
+        quint32 index = static_cast<quint32>(bits >> 32) & mask;
+        while (cells.at(int(index)).pass == pass && cells.at(int(index)).key != key)
+            index = (index + 1) & mask;
+        return int(index);
+    }
+
+    // Only when a pass holds more keys than it was started for.
+    void grow()
+    {
+        const QVector<Cell> old = cells;
+        const quint32 oldPass = pass;
+        reallocate(capacityFor(stored + 1) * 2);
+        for (const Cell& cell : old) {
+            if (cell.pass == oldPass)
+                insert(cell.key, cell.value);
+        }
+    }
+
+    QVector<Cell> cells;
+    quint32 mask = 0;
+    quint32 pass = 1;
+    int stored = 0;
+    // The keys the last publication put in the table.
+    QVector<Key> publishedKeys;
+};
+
+#endif // PASSTABLE_H
