@@ -12,11 +12,8 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QScrollArea>
-#include <QSignalSpy>
 #include <QTest>
 #include <QTimer>
-
-#include <memory>
 
 namespace
 {
@@ -80,16 +77,6 @@ QByteArray diamondLadder(int rungs)
         records.append(unit(b(rung + 1), 0, "B"));
     }
     return dspPacketV6(records);
-}
-
-QByteArray groupPacket(int payloadBytes)
-{
-    PacketBuilder packet(7, 0, 0);
-    packet.u64(0x9001).u64(0).u32(1).u16(2).u16(3).zeros(8).zeros(4).fixedString("Music", 260);
-    QByteArray bytes = packet.finish().left(12 + payloadBytes);
-    bytes.append(QByteArray(12 + payloadBytes - bytes.size(), '\0'));
-    qToLittleEndian<quint32>(quint32(bytes.size()), bytes.data());
-    return bytes;
 }
 
 qint64 residentKiB()
@@ -161,7 +148,6 @@ enum class Episode
     Bytes,            // send the bytes; the link may drop
     BytesThenClose,   // send the bytes, then close the connection
     BytesThenReset,   // send the bytes, then reset the connection
-    Silence,          // send nothing more
     CPUFlood,         // half a gigabyte of good CPU packets at full speed
     UnknownTypeFlood  // a long stream of packets of a type nobody takes
 };
@@ -185,11 +171,16 @@ private:
     static void flood(LoopbackTarget& target, const QByteArray& packet, qint64 totalBytes);
 };
 
+// Connects, or reconnects a link the episode dropped once the target has let
+// the old one go. Coming back by itself after a close is tst_profilernetwork's
+// business; waiting here for the five-second timer would only be slow.
 bool TestHostileTarget::connectTo(Profiler& profiler, LoopbackTarget& target)
 {
-    if (!profiler.network.isConnecting())
+    if (!profiler.network.isConnected()) {
+        if (!QTest::qWaitFor([&] { return !target.hasClient(); }, 5000))
+            return false;
         profiler.network.connectToHost(QStringLiteral("127.0.0.1"), target.port());
-    // After a close the network comes back by itself within five seconds.
+    }
     return QTest::qWaitFor([&] { return profiler.network.isConnected() && target.hasClient(); }, 8000);
 }
 
@@ -228,8 +219,6 @@ void TestHostileTarget::runEpisode(Episode episode, const QByteArray& bytes, Loo
         QTest::qWait(50);
         target.resetClient();
         break;
-    case Episode::Silence:
-        break;
     case Episode::CPUFlood:
         // Under AddressSanitizer a tenth: the run looks for crashes and
         // leaks there, not for throughput.
@@ -250,7 +239,6 @@ void TestHostileTarget::profilerSurvives_data()
     QTest::addColumn<QStringList>("unitsAfter");
 
     const QStringList kept { "Master", "Music", "Voice" };
-    const QByteArray header = PacketBuilder(1, 0, 6).finish();
     auto withSize = [&](quint32 size) { return PacketBuilder(1, 0, 6).zeros(20).finishWithSize(size); };
 
     QTest::newRow("size 0") << Episode::Bytes << withSize(0) << SocketError << kept;
@@ -278,14 +266,15 @@ void TestHostileTarget::profilerSurvives_data()
         << QStringList { "A", "B", "C" };
     QTest::newRow("chain 100000 deep") << Episode::Bytes << chain(100000) << QString() << QStringList();
     QTest::newRow("diamond ladder 60 deep") << Episode::Bytes << diamondLadder(60) << QString() << QStringList();
-    QTest::newRow("group packet of 12 + 295 bytes") << Episode::Bytes << groupPacket(295) << QString() << kept;
+    QTest::newRow("group packet of 12 + 295 bytes")
+        << Episode::Bytes << PacketBuilder(7, 0, 0).u64(0x9001).zeros(287).finish() << QString() << kept;
 
     QTest::newRow("500 MB of CPU packets") << Episode::CPUFlood << QByteArray() << QString() << kept;
     QTest::newRow("packets of an unknown type") << Episode::UnknownTypeFlood << QByteArray() << QString() << kept;
     QTest::newRow("closes mid-packet")
         << Episode::BytesThenClose << nextNetwork().left(100) << TargetClosed << kept;
     QTest::newRow("resets the connection") << Episode::BytesThenReset << QByteArray() << QString() << kept;
-    QTest::newRow("goes silent") << Episode::Silence << QByteArray() << TargetClosed << kept;
+    QTest::newRow("goes silent") << Episode::Bytes << QByteArray() << TargetClosed << kept;
 }
 
 void TestHostileTarget::profilerSurvives()
@@ -303,25 +292,19 @@ void TestHostileTarget::profilerSurvives()
     QVERIFY(QTest::qWaitFor([&] { return profiler.graph->nodeList.size() == 3; }, 5000));
     QVERIFY(QTest::qWaitFor([&] { return profiler.cpuHistory.getHistoryList()->size() == 1; }, 5000));
 
-    QSignalSpy networkStatus(&profiler.network, &ProfilerNetwork::statusChanged);
-    QSignalSpy treeStatus(&profiler.dspTree, &DSPTree::statusChanged);
+    QStringList statuses;
+    QObject recording; // disconnects before `statuses` goes
+    auto record = [&statuses](const QString& text) { statuses << text; };
+    connect(&profiler.network, &ProfilerNetwork::statusChanged, &recording, record);
+    connect(&profiler.dspTree, &DSPTree::statusChanged, &recording, record);
     const qint64 memoryBefore = residentKiB();
     StallWatch stalls;
 
     runEpisode(episode, bytes, target);
-    if (!status.isEmpty()) {
-        QVERIFY(QTest::qWaitFor([&] {
-            for (const QSignalSpy* spy : { &networkStatus, &treeStatus }) {
-                for (const QList<QVariant>& arguments : *spy) {
-                    if (arguments.at(0).toString() == status)
-                        return true;
-                }
-            }
-            return false;
-        }, 5000));
-    } else {
+    if (!status.isEmpty())
+        QVERIFY2(QTest::qWaitFor([&] { return statuses.contains(status); }, 5000), qPrintable(statuses.join(", ")));
+    else
         QTest::qWait(300);
-    }
 
     const qint64 growthKiB = residentKiB() - memoryBefore;
     qInfo("longest stall %lld ms, memory growth %lld KiB", stalls.longestStallMs(), growthKiB);
