@@ -4,6 +4,7 @@
 
 #include <QElapsedTimer>
 #include <QSignalSpy>
+#include <QThread>
 #include <QTest>
 
 namespace
@@ -94,6 +95,13 @@ void TestProfilerNetwork::largePacketInPieces()
     QVERIFY(link.network.isConnected());
     QCOMPARE(link.network.getPacket(1, 0), large);
     QCOMPARE(link.network.getPacket(3, 0), cpuPacket(9.0f));
+
+    // All of it at once, waiting in the socket before the loop runs: the
+    // socket signals once, and what one read pass leaves must still come.
+    link.target.send(stream);
+    QThread::msleep(300);
+    QVERIFY(QTest::qWaitFor([&] { return link.network.getNumWaitingPackets(3, 0) == 1; }, 5000));
+    QCOMPARE(link.network.getPacket(1, 0), large);
 }
 
 void TestProfilerNetwork::brokenSizeIsASocketError_data()
