@@ -163,9 +163,8 @@ private:
     bool findPlaced(unsigned long long id, QPoint* position) const;
     void indexGroupBoxes();
     void enterNode(std::vector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
-                   QPoint parentPosition, unsigned int index, unsigned int count);
-    void enterNewNode(std::vector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
-                      QPoint parentPosition, unsigned int index, unsigned int count);
+                   QPoint parentPosition, unsigned int index, unsigned int count,
+                   const QPoint* placed);
     void visitNextInput(std::vector<LayoutFrame>& stack);
     void finishNode(const DSPNode::InputRecord& record, QPoint position, QPoint parentPosition,
                     unsigned int index, unsigned int count, bool placedHere);

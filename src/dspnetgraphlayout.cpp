@@ -229,7 +229,9 @@ void DSPNetGraph::processNodes(const DSPNode::InputRecord& record, QPoint parent
     // A standard vector: GCC 12 misreads QVector's growth of this struct.
     std::vector<LayoutFrame> stack;
     frameInputs.clear();
-    enterNode(stack, record, parentPosition, index, count);
+    QPoint placed;
+    enterNode(stack, record, parentPosition, index, count,
+              findPlaced(record.node->id, &placed) ? &placed : nullptr);
     while (!stack.empty()) {
         if (stack.back().next < stack.back().inputCount) {
             visitNextInput(stack);
@@ -255,20 +257,15 @@ bool DSPNetGraph::findPlaced(unsigned long long id, QPoint* position) const
 }
 
 // Places a unit and prepares the walk over its inputs; a unit placed (or
-// hidden) before only gets its connection.
+// hidden) before, at `placed`, only gets its connection.
 void DSPNetGraph::enterNode(std::vector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
-                            QPoint parentPosition, unsigned int index, unsigned int count)
+                            QPoint parentPosition, unsigned int index, unsigned int count,
+                            const QPoint* placed)
 {
-    QPoint placed;
-    if (findPlaced(record.node->id, &placed))
-        finishNode(record, placed, parentPosition, index, count, false);
-    else
-        enterNewNode(stack, record, parentPosition, index, count);
-}
-
-void DSPNetGraph::enterNewNode(std::vector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
-                               QPoint parentPosition, unsigned int index, unsigned int count)
-{
+    if (placed) {
+        finishNode(record, *placed, parentPosition, index, count, false);
+        return;
+    }
     const DSPNode* node = record.node;
     LayoutFrame frame;
     frame.record = record;
@@ -308,10 +305,8 @@ void DSPNetGraph::visitNextInput(std::vector<LayoutFrame>& stack)
     }
     const QPoint position = frame.position;
     const unsigned int count = static_cast<unsigned int>(frame.inputCount);
-    if (wasPlaced)
-        finishNode(input, placed, position, static_cast<unsigned int>(i), count, false);
-    else
-        enterNewNode(stack, input, position, static_cast<unsigned int>(i), count);
+    enterNode(stack, input, position, static_cast<unsigned int>(i), count,
+              wasPlaced ? &placed : nullptr);
 }
 
 void DSPNetGraph::finishNode(const DSPNode::InputRecord& record, QPoint position,

@@ -28,24 +28,20 @@ struct RecordLayout
     bool childCount16;
 };
 
+const RecordLayout RecordLayouts[] = {
+    { 45, 36, 4, true, false },
+    { 49, 36, 4, true, false },
+    { 61, 40, 8, false, false },
+    { 179, 40, 8, false, false },
+    { 187, 48, 16, false, false },
+    { 195, 48, 16, false, false },
+    { 94, 24, 62, false, true },
+};
+
+// Versions past 6 are refused before any record is read.
 RecordLayout recordLayout(int version)
 {
-    switch (version) {
-    case 0:
-        return { 45, 36, 4, true, false };
-    case 1:
-        return { 49, 36, 4, true, false };
-    case 2:
-        return { 61, 40, 8, false, false };
-    case 3:
-        return { 179, 40, 8, false, false };
-    case 4:
-        return { 187, 48, 16, false, false };
-    case 5:
-        return { 195, 48, 16, false, false };
-    default:
-        return { 94, 24, 62, false, true };
-    }
+    return RecordLayouts[version >= 0 && version < 6 ? version : 6];
 }
 
 unsigned long long readUnitId(PacketReader& in, bool signedId32)

@@ -56,9 +56,12 @@ public:
     // free and allocate one per key on every pass.
     void publish(QHash<Key, Value>* table)
     {
+        passKeys.clear();
         for (const Cell& cell : qAsConst(cells)) {
-            if (cell.pass == pass)
+            if (cell.pass == pass) {
                 (*table)[cell.key] = cell.value;
+                passKeys.append(cell.key);
+            }
         }
         Value value;
         if (table->size() != stored) {
@@ -76,11 +79,7 @@ public:
                     it = table->erase(it);
             }
         }
-        publishedKeys.clear();
-        for (const Cell& cell : qAsConst(cells)) {
-            if (cell.pass == pass)
-                publishedKeys.append(cell.key);
-        }
+        publishedKeys.swap(passKeys);
     }
 
 private:
@@ -134,8 +133,10 @@ private:
     quint32 mask = 0;
     quint32 pass = 1;
     int stored = 0;
-    // The keys the last publication put in the table.
+    // The keys the last publication put in the table, and the list the
+    // next one fills (kept to keep its room).
     QVector<Key> publishedKeys;
+    QVector<Key> passKeys;
 };
 
 #endif // PASSTABLE_H
