@@ -89,15 +89,28 @@ DepthGraph exploreDepthGraph(DSPNode* start, int sizeHint)
     return graph;
 }
 
+QVector<int> depthsOf(const DepthGraph& graph)
+{
+    QVector<int> depths;
+    depths.reserve(graph.units.size());
+    for (const DSPNode* node : graph.units)
+        depths.append(node->depth);
+    return depths;
+}
+
 // Longest paths from the start in topological order, back edges left out.
 // On an acyclic graph this is exactly what the recursive walk produces,
 // including its rule that a unit is only renumbered when the new path is
-// not shorter, and it leaves onPath as the walk would.
+// not shorter, and it leaves onPath as the walk would. The depths are
+// worked out in an array by unit number and written back once: a unit's
+// edges are already numbered, so the pass never visits the units
+// themselves, which in a large network lie all over memory.
 void relaxDepths(QHash<DSPNode*, bool>* onPath, const DepthGraph& graph)
 {
     const int count = graph.units.size();
     QVector<bool> reached(count, false);
     QVector<bool> blocked(count, false);
+    QVector<int> depths = depthsOf(graph);
     for (int unit = 1; unit < count; ++unit)
         blocked[unit] = onPath && onPath->value(graph.units.at(unit));
     reached[0] = true;
@@ -106,21 +119,21 @@ void relaxDepths(QHash<DSPNode*, bool>* onPath, const DepthGraph& graph)
         const int unit = graph.postOrder.at(order);
         if (!reached.at(unit))
             continue;
-        const DSPNode* node = graph.units.at(unit);
-        for (int input = 0; input < node->inputs.size(); ++input) {
-            const int edge = graph.firstEdge.at(unit) + input;
+        const int edgesEnd = unit + 1 < count ? graph.firstEdge.at(unit + 1) : graph.edgeTarget.size();
+        for (int edge = graph.firstEdge.at(unit); edge < edgesEnd; ++edge) {
             const int target = graph.edgeTarget.at(edge);
-            DSPNode* child = graph.units.at(target);
-            if (graph.backEdge.at(edge) || blocked.at(target) || node->depth < child->depth)
+            if (graph.backEdge.at(edge) || blocked.at(target) || depths.at(unit) < depths.at(target))
                 continue;
-            child->depth = node->depth + 1;
+            depths[target] = depths.at(unit) + 1;
             reached[target] = true;
         }
     }
 
     for (int unit = 0; unit < count; ++unit) {
-        if (reached.at(unit))
-            markOffPath(onPath, graph.units.at(unit));
+        if (!reached.at(unit))
+            continue;
+        graph.units.at(unit)->depth = depths.at(unit);
+        markOffPath(onPath, graph.units.at(unit));
     }
 }
 
@@ -171,15 +184,6 @@ bool walkDepths(QHash<DSPNode*, bool>* onPath, const DepthGraph& graph, qint64 b
             markOffPath(onPath, graph.units.at(unit));
     }
     return true;
-}
-
-QVector<int> depthsOf(const DepthGraph& graph)
-{
-    QVector<int> depths;
-    depths.reserve(graph.units.size());
-    for (const DSPNode* node : graph.units)
-        depths.append(node->depth);
-    return depths;
 }
 
 void restoreDepths(const DepthGraph& graph, const QVector<int>& depths)

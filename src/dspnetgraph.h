@@ -158,7 +158,9 @@ private:
     bool canUpdateLayoutInPlace() const;
     void rememberLayoutSource();
     void updateLayoutInPlace();
+    void prefetchPlacedUnit(int i) const;
     void findSelectedUnit();
+    void rememberSelection();
     void resetLayout();
     bool findPlaced(unsigned long long id, QPoint* position) const;
     void indexGroupBoxes();
@@ -248,6 +250,15 @@ private:
     bool laidExcessiveInputs = false;
     bool laidInactiveInputs = false;
     bool layoutReusable = false;
+    // The selection the layout last looked for, and what it found.
+    struct SelectionSearch
+    {
+        unsigned long long id;
+        unsigned long long groupId;
+        const DSPNode* found;
+        QPoint position;
+    };
+    SelectionSearch laidSelection = { NoSelection, NoSelection, nullptr, QPoint() };
 
     QPen textPen;
     QPen greyPen;

@@ -1,6 +1,7 @@
 #include "dspnetgraph.h"
 
 #include "dspnetgraphgeometry.h"
+#include "prefetch.h"
 
 #include <vector>
 
@@ -149,12 +150,15 @@ void DSPNetGraph::rememberLayoutSource()
     laidValueSerial = tree->getValueSerial();
     laidExcessiveInputs = showExcessiveInputs;
     laidInactiveInputs = showInactiveInputs;
+    rememberSelection();
     layoutReusable = true;
 }
 
 void DSPNetGraph::updateLayoutInPlace()
 {
-    for (int i = 0; i < nodeList.size(); ++i) {
+    const int count = nodeList.size();
+    for (int i = 0; i < count; ++i) {
+        prefetchPlacedUnit(i + Prefetch::Distance);
         const DSPNode* node = placedSources.at(i);
         DSPNetGraphicalNode& graphical = nodeList[i];
         // The model keeps a unit's name string while its name is unchanged.
@@ -171,10 +175,29 @@ void DSPNetGraph::updateLayoutInPlace()
     laidValueSerial = tree->getValueSerial();
 }
 
+// The unit, its level list and its meter list are asked for ahead; the
+// unit asked for half the distance ago has arrived, so the address of its
+// level list can be read without waiting.
+void DSPNetGraph::prefetchPlacedUnit(int i) const
+{
+    if (i >= nodeList.size())
+        return;
+    Prefetch::object(placedSources.at(i));
+    Prefetch::block(nodeList.at(i).levels);
+    Prefetch::block(placedSources.at(i - Prefetch::Distance / 2)->levels);
+}
+
 // The last unit reached that matches the selection, as a full layout pass
-// would find it.
+// would find it. The units reached are those of the last pass, so the same
+// selection finds the same unit again without a search.
 void DSPNetGraph::findSelectedUnit()
 {
+    if (laidSelection.id == selectedId && laidSelection.groupId == selectedGroupId) {
+        selectedFound = laidSelection.found;
+        if (selectedFound)
+            selectedNewPosition = laidSelection.position;
+        return;
+    }
     selectedFound = nullptr;
     for (const FinishedUnit& unit : qAsConst(finishedUnits)) {
         if (unit.node->id == selectedId && unit.node->groupId == selectedGroupId) {
@@ -182,6 +205,12 @@ void DSPNetGraph::findSelectedUnit()
             selectedNewPosition = unit.position;
         }
     }
+    rememberSelection();
+}
+
+void DSPNetGraph::rememberSelection()
+{
+    laidSelection = { selectedId, selectedGroupId, selectedFound, selectedNewPosition };
 }
 
 void DSPNetGraph::resetLayout()

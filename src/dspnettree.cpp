@@ -1,6 +1,7 @@
 #include "dspnettree.h"
 
 #include "dspdepths.h"
+#include "prefetch.h"
 #include "packetreader.h"
 #include "profilepacket.h"
 #include "profilernetwork.h"
@@ -343,7 +344,11 @@ void DSPTree::visitUnits(Visit visit)
             visit(node);
         return;
     }
-    for (const ShapeRecord& shape : qAsConst(shapeRecords)) {
+    const int count = shapeRecords.size();
+    for (int i = 0; i < count; ++i) {
+        if (i + Prefetch::Distance < count)
+            Prefetch::object(shapeRecords.at(i + Prefetch::Distance).node);
+        const ShapeRecord& shape = shapeRecords.at(i);
         if (shape.first)
             visit(shape.node);
     }

@@ -1,5 +1,7 @@
 #include "dspnettree.h"
 
+#include "prefetch.h"
+
 #include <algorithm>
 
 using namespace DSPRecords;
@@ -40,7 +42,11 @@ bool DSPTree::stageValues(const QByteArray& packet, int version, int firstRecord
     const char* previous = shapePacket.constData() + shapeFirstRecord;
     staged.clear();
     stagedLevels.clear();
-    for (const ShapeRecord& shape : qAsConst(shapeRecords)) {
+    const int count = shapeRecords.size();
+    for (int i = 0; i < count; ++i) {
+        if (i + Prefetch::Distance < count)
+            Prefetch::object(shapeRecords.at(i + Prefetch::Distance).node);
+        const ShapeRecord& shape = shapeRecords.at(i);
         const char* record = cursor;
         const char* previousRecord = previous;
         previous += size;
@@ -79,7 +85,12 @@ void DSPTree::clearScratch()
 
 void DSPTree::applyStagedValues(int version)
 {
-    for (const StagedValues& values : qAsConst(staged)) {
+    const int count = staged.size();
+    for (int i = 0; i < count; ++i) {
+        // The units were loaded while staging; only their level lists are new.
+        if (i + Prefetch::Distance < count)
+            Prefetch::block(staged.at(i + Prefetch::Distance).node->levels);
+        const StagedValues& values = staged.at(i);
         DSPNode* node = values.node;
         node->bypass = values.bypass;
         node->exclusiveUsage = values.exclusiveUsage;
@@ -101,6 +112,8 @@ void DSPTree::sumInclusiveUsage()
 {
     root.inclusiveUsage = 0;
     for (int i = shapeRecords.size() - 1; i >= 0; --i) {
+        if (i >= Prefetch::Distance)
+            Prefetch::object(shapeRecords.at(i - Prefetch::Distance).node);
         const ShapeRecord& shape = shapeRecords.at(i);
         if (shape.first)
             shape.parent->inclusiveUsage += shape.node->inclusiveUsage;

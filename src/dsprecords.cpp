@@ -90,12 +90,13 @@ void readFloatLevels(PacketReader& in, int count, DSPNode* node)
 void readByteLevels(PacketReader& in, int count, DSPNode* node)
 {
     const int used = qMin(count, LevelSlots);
-    node->levels.reserve(used);
-    for (int slot = 0; slot < LevelSlots; ++slot) {
-        const char level = static_cast<char>(in.i8());
-        if (slot < used)
-            node->levels.append(level);
-    }
+    const char* field = in.bytes(LevelSlots);
+    if (!field)
+        return;
+    // The levels are already the bytes the meters want; copied in one go.
+    const int start = node->levels.size();
+    node->levels.resize(start + used);
+    std::memcpy(node->levels.data() + start, field, size_t(used));
 }
 
 void decodeRecordV0V1(PacketReader& in, int version, DSPNode* node, RecordPlace* place)

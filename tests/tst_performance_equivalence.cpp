@@ -407,13 +407,20 @@ private slots:
             running.graph.setShowInactiveInputs(inactive);
             const QByteArray groups = PacketEncoder::encodeGroups(network);
             running.network.receiveBytes(groups);
+            // Half the time the unit is selected before the first layout, so the update after it looks
+            // for a selection that layout has already found.
+            const bool selectFirst = random.bounded(2) == 0;
+            SimUnit chosen = network.units.at(random.bounded(network.units.size()));
+            if (selectFirst)
+                running.select(chosen, version);
             running.network.receiveBytes(PacketEncoder::encodeDSP(network, version));
 
             driftValues(&network, random);
             if (random.bounded(3) == 0)
                 changeNetwork(&network, random);
             const QByteArray next = PacketEncoder::encodeDSP(network, version);
-            const SimUnit& chosen = network.units.at(random.bounded(network.units.size()));
+            if (!selectFirst)
+                chosen = network.units.at(random.bounded(network.units.size()));
             running.select(chosen, version);
 
             // A cut-off copy is dropped and changes no unit (a dropped packet resets its own figures, the
