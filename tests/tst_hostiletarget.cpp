@@ -62,20 +62,17 @@ QByteArray chain(int units)
 }
 
 // Every unit below the head feeds both units of the rung above it; a
-// walk that follows every path visits 2^rungs of them.
+// walk that follows every path visits 2^rungs of them. Rung r holds units
+// 2r and 2r + 1.
 QByteArray diamondLadder(int rungs)
 {
-    auto a = [](int rung) { return quint64(2 * rung); };
-    auto b = [](int rung) { return quint64(2 * rung + 1); };
     QVector<DSPUnitV6> records { unit(1, 2, "Head") };
     for (int rung = 1; rung <= rungs; ++rung)
-        records.append(unit(a(rung), quint16(rung < rungs ? 2 : 0), "A"));
-    records.append(unit(b(rungs), 0, "B"));
-    for (int rung = rungs - 1; rung >= 1; --rung) {
-        records.append(unit(b(rung), 2, "B"));
-        records.append(unit(a(rung + 1), 0, "A"));
-        records.append(unit(b(rung + 1), 0, "B"));
-    }
+        records.append(unit(quint64(2 * rung), quint16(rung < rungs ? 2 : 0), "A"));
+    records.append(unit(quint64(2 * rungs + 1), 0, "B"));
+    for (int rung = rungs - 1; rung >= 1; --rung)
+        records << unit(quint64(2 * rung + 1), 2, "B") << unit(quint64(2 * rung + 2), 0, "A")
+                << unit(quint64(2 * rung + 3), 0, "B");
     return dspPacketV6(records);
 }
 
@@ -97,21 +94,17 @@ int openFileDescriptors()
 }
 
 // Measures the longest stretch during which the event loop did not turn.
-class StallWatch : public QObject
+struct StallWatch
 {
-public:
     StallWatch()
     {
         clock.start();
-        connect(&tick, &QTimer::timeout, this, [this] {
-            longest = qMax(longest, clock.restart());
-        });
+        QObject::connect(&tick, &QTimer::timeout, [this] { longest = qMax(longest, clock.restart()); });
         tick.start(10);
     }
 
     qint64 longestStallMs() const { return qMax(longest, clock.elapsed()); }
 
-private:
     QTimer tick;
     QElapsedTimer clock;
     qint64 longest = 0;
@@ -143,38 +136,13 @@ struct Profiler : ProfilerChain
     DSPNetGraph* graph;
 };
 
-enum class Episode
-{
-    Bytes,            // send the bytes; the link may drop
-    BytesThenClose,   // send the bytes, then close the connection
-    BytesThenReset,   // send the bytes, then reset the connection
-    CPUFlood,         // half a gigabyte of good CPU packets at full speed
-    UnknownTypeFlood  // a long stream of packets of a type nobody takes
-};
-
-} // namespace
-
-Q_DECLARE_METATYPE(Episode)
-
-class TestHostileTarget : public QObject
-{
-    Q_OBJECT
-
-private slots:
-    void profilerSurvives_data();
-    void profilerSurvives();
-    void connectCloseCyclesLeakNothing();
-
-private:
-    static bool connectTo(Profiler& profiler, LoopbackTarget& target);
-    static void runEpisode(Episode episode, const QByteArray& bytes, LoopbackTarget& target);
-    static void flood(LoopbackTarget& target, const QByteArray& packet, qint64 totalBytes);
-};
+// What the target does once it has sent an episode's bytes.
+enum class Then { Stays, Closes, Resets };
 
 // Connects, or reconnects a link the episode dropped once the target has let
 // the old one go. Coming back by itself after a close is tst_profilernetwork's
 // business; waiting here for the five-second timer would only be slow.
-bool TestHostileTarget::connectTo(Profiler& profiler, LoopbackTarget& target)
+bool connectTo(Profiler& profiler, LoopbackTarget& target)
 {
     if (!profiler.network.isConnected()) {
         if (!QTest::qWaitFor([&] { return !target.hasClient(); }, 5000))
@@ -186,7 +154,7 @@ bool TestHostileTarget::connectTo(Profiler& profiler, LoopbackTarget& target)
 
 // Sends `packet` over and over, never more than a few megabytes ahead of
 // what the profiler has taken, until `totalBytes` have gone out.
-void TestHostileTarget::flood(LoopbackTarget& target, const QByteArray& packet, qint64 totalBytes)
+void flood(LoopbackTarget& target, const QByteArray& packet, qint64 totalBytes)
 {
     const int perChunk = qMax(1, (256 * 1024) / packet.size());
     const QByteArray chunk = packet.repeated(perChunk);
@@ -203,84 +171,65 @@ void TestHostileTarget::flood(LoopbackTarget& target, const QByteArray& packet, 
     QVERIFY2(sent >= totalBytes, "the flood did not get through in a minute");
 }
 
-void TestHostileTarget::runEpisode(Episode episode, const QByteArray& bytes, LoopbackTarget& target)
+} // namespace
+
+Q_DECLARE_METATYPE(Then)
+
+class TestHostileTarget : public QObject
 {
-    switch (episode) {
-    case Episode::Bytes:
-        target.send(bytes);
-        break;
-    case Episode::BytesThenClose:
-        target.send(bytes);
-        QTest::qWait(50);
-        target.closeClient();
-        break;
-    case Episode::BytesThenReset:
-        target.send(bytes);
-        QTest::qWait(50);
-        target.resetClient();
-        break;
-    case Episode::CPUFlood:
-        // Under AddressSanitizer a tenth: the run looks for crashes and
-        // leaks there, not for throughput.
-        flood(target, cpuPacket(42.0f), (MeasuringIsMeaningful ? 500LL : 50LL) * 1000 * 1000);
-        target.send(cpuPacket(7.0f));
-        break;
-    case Episode::UnknownTypeFlood:
-        flood(target, PacketBuilder(8, 0, 0).zeros(100).finish(), 50LL * 1000 * 1000);
-        break;
-    }
-}
+    Q_OBJECT
+
+private slots:
+    void profilerSurvives_data();
+    void profilerSurvives();
+    void connectCloseCyclesLeakNothing();
+};
 
 void TestHostileTarget::profilerSurvives_data()
 {
-    QTest::addColumn<Episode>("episode");
     QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<int>("floodMB"); // 0: the bytes are sent once
+    QTest::addColumn<Then>("then");
     QTest::addColumn<QString>("status");
-    QTest::addColumn<QStringList>("unitsAfter");
+    QTest::addColumn<QStringList>("unitsAfter"); // empty: not compared
 
     const QStringList kept { "Master", "Music", "Voice" };
+    auto row = [](const char* name, const QByteArray& bytes, const QString& status, const QStringList& unitsAfter,
+                  int floodMB = 0, Then then = Then::Stays) {
+        QTest::newRow(name) << bytes << floodMB << then << status << unitsAfter;
+    };
+    // Sizes that cannot frame a packet; tst_profilernetwork has the rest.
     auto withSize = [&](quint32 size) { return PacketBuilder(1, 0, 6).zeros(20).finishWithSize(size); };
+    row("size 0", withSize(0), SocketError, kept);
+    row("size 0xFFFFFFFF", withSize(0xFFFFFFFFu), SocketError, kept);
+    row("header whose body never arrives", withSize(5000).left(12), TargetClosed, kept);
 
-    QTest::newRow("size 0") << Episode::Bytes << withSize(0) << SocketError << kept;
-    QTest::newRow("size 1") << Episode::Bytes << withSize(1) << SocketError << kept;
-    QTest::newRow("size 11") << Episode::Bytes << withSize(11) << SocketError << kept;
-    QTest::newRow("size 0xFFFFFFFF") << Episode::Bytes << withSize(0xFFFFFFFFu) << SocketError << kept;
-    QTest::newRow("header whose body never arrives") << Episode::Bytes << withSize(5000).left(12) << TargetClosed << kept;
-
-    QTest::newRow("child counts past the end")
-        << Episode::Bytes << dspPacketV6({ unit(1, 5, "Cut"), unit(2, 0, "Short") }) << MalformedDSP << kept;
-    QTest::newRow("child count 2^31 - 1")
-        << Episode::Bytes << dspPacketV6({ unit(1, 0xFFFF, "Cut") }) << MalformedDSP << kept;
+    // What the decoder makes of odd records is tst_dspnettree's business;
+    // these are the records that could stall the loop, grow memory or upset the view.
+    row("child counts past the end", dspPacketV6({ unit(1, 5, "Cut"), unit(2, 0, "Short") }), MalformedDSP, kept);
     PacketBuilder hugeCount(1, 0, 5);
     hugeCount.f32(0.5f).u8(0).u64(7).u64(0).fixedString("Huge", 32).u32(0x7FFFFFFF).u8(1).u8(0).u16(0).u16(1)
         .u8(0).zeros(128).u64(0);
-    QTest::newRow("32-bit child count 2^31 - 1") << Episode::Bytes << hugeCount.finish() << MalformedDSP << kept;
+    row("32-bit child count 2^31 - 1", hugeCount.finish(), MalformedDSP, kept);
+    row("level count 255", dspPacketV6({ unit(5, 0, "Loud", 255) }), QString(), { "Loud" });
+    row("cyclic network", dspPacketV6({ unit(1, 1, "A"), unit(2, 1, "B"), unit(3, 1, "C"), unit(1, 0, "A") }),
+        QString(), { "A", "B", "C" });
+    row("chain 100000 deep", chain(100000), QString(), {});
+    row("diamond ladder 60 deep", diamondLadder(60), QString(), {});
 
-    QTest::newRow("level count 255")
-        << Episode::Bytes << dspPacketV6({ unit(5, 0, "Loud", 255) }) << QString() << QStringList { "Loud" };
-    QTest::newRow("name without a terminator")
-        << Episode::Bytes << dspPacketV6({ unit(5, 0, QByteArray(40, 'N')) }) << QString()
-        << QStringList { QString(32, 'N') };
-    QTest::newRow("cyclic network")
-        << Episode::Bytes << dspPacketV6({ unit(1, 1, "A"), unit(2, 1, "B"), unit(3, 1, "C"), unit(1, 0, "A") }) << QString()
-        << QStringList { "A", "B", "C" };
-    QTest::newRow("chain 100000 deep") << Episode::Bytes << chain(100000) << QString() << QStringList();
-    QTest::newRow("diamond ladder 60 deep") << Episode::Bytes << diamondLadder(60) << QString() << QStringList();
-    QTest::newRow("group packet of 12 + 295 bytes")
-        << Episode::Bytes << PacketBuilder(7, 0, 0).u64(0x9001).zeros(287).finish() << QString() << kept;
-
-    QTest::newRow("500 MB of CPU packets") << Episode::CPUFlood << QByteArray() << QString() << kept;
-    QTest::newRow("packets of an unknown type") << Episode::UnknownTypeFlood << QByteArray() << QString() << kept;
-    QTest::newRow("closes mid-packet")
-        << Episode::BytesThenClose << nextNetwork().left(100) << TargetClosed << kept;
-    QTest::newRow("resets the connection") << Episode::BytesThenReset << QByteArray() << QString() << kept;
-    QTest::newRow("goes silent") << Episode::Bytes << QByteArray() << TargetClosed << kept;
+    // Under AddressSanitizer a tenth: the run looks for crashes and leaks
+    // there, not for throughput.
+    row("500 MB of CPU packets", cpuPacket(42.0f), QString(), kept, MeasuringIsMeaningful ? 500 : 50);
+    row("packets of an unknown type", PacketBuilder(8, 0, 0).zeros(100).finish(), QString(), kept, 50);
+    row("closes mid-packet", nextNetwork().left(100), TargetClosed, kept, 0, Then::Closes);
+    row("resets the connection", QByteArray(), QString(), kept, 0, Then::Resets);
 }
 
 void TestHostileTarget::profilerSurvives()
 {
-    QFETCH(Episode, episode);
     QFETCH(QByteArray, bytes);
+    QFETCH(int, floodMB);
+    QFETCH(Then, then);
     QFETCH(QString, status);
     QFETCH(QStringList, unitsAfter);
 
@@ -289,8 +238,9 @@ void TestHostileTarget::profilerSurvives()
     QVERIFY(connectTo(profiler, target));
 
     target.send(shownNetwork() + cpuPacket(1.0f));
-    QVERIFY(QTest::qWaitFor([&] { return profiler.graph->nodeList.size() == 3; }, 5000));
-    QVERIFY(QTest::qWaitFor([&] { return profiler.cpuHistory.getHistoryList()->size() == 1; }, 5000));
+    QVERIFY(QTest::qWaitFor(
+        [&] { return profiler.graph->nodeList.size() == 3 && profiler.cpuHistory.getHistoryList()->size() == 1; },
+        5000));
 
     QStringList statuses;
     QObject recording; // disconnects before `statuses` goes
@@ -300,7 +250,17 @@ void TestHostileTarget::profilerSurvives()
     const qint64 memoryBefore = residentKiB();
     StallWatch stalls;
 
-    runEpisode(episode, bytes, target);
+    if (floodMB > 0)
+        flood(target, bytes, floodMB * 1000LL * 1000);
+    else
+        target.send(bytes);
+    if (then != Then::Stays) {
+        QTest::qWait(50);
+        if (then == Then::Closes)
+            target.closeClient();
+        else
+            target.resetClient();
+    }
     if (!status.isEmpty())
         QVERIFY2(QTest::qWaitFor([&] { return statuses.contains(status); }, 5000), qPrintable(statuses.join(", ")));
     else
@@ -309,7 +269,9 @@ void TestHostileTarget::profilerSurvives()
     const qint64 growthKiB = residentKiB() - memoryBefore;
     qInfo("longest stall %lld ms, memory growth %lld KiB", stalls.longestStallMs(), growthKiB);
     if (MeasuringIsMeaningful) {
-        QVERIFY2(stalls.longestStallMs() < 200,
+        // Showing a 100000-unit chain takes about 150 ms here; anything worse
+        // than linear in it would take seconds. The margin is for a busy machine.
+        QVERIFY2(stalls.longestStallMs() < 500,
                  qPrintable(QStringLiteral("event loop stalled for %1 ms").arg(stalls.longestStallMs())));
         // A big network that is valid is shown, and takes memory in
         // proportion to its packet; nothing else may make memory grow.
@@ -321,19 +283,18 @@ void TestHostileTarget::profilerSurvives()
     // What was shown stays shown unless a good packet replaced it.
     if (!unitsAfter.isEmpty())
         QCOMPARE(profiler.unitNames(), unitsAfter);
-    QVERIFY(!profiler.cpuHistory.getHistoryList()->isEmpty());
-    if (episode == Episode::CPUFlood) {
-        QVERIFY(QTest::qWaitFor([&] { return profiler.cpuHistory.getHistoryList()->last().dsp == 7.0f; }, 5000));
-        QCOMPARE(profiler.cpuHistory.getHistoryList()->size(), 100);
-    }
 
     // The next good packet, on this link or on the one the profiler
     // makes again, is decoded exactly.
     QVERIFY(connectTo(profiler, target));
-    target.send(nextNetwork());
+    target.send(nextNetwork() + cpuPacket(7.0f));
     QVERIFY(QTest::qWaitFor([&] { return profiler.graph->nodeList.size() == 4; }, 5000));
     QCOMPARE(profiler.unitNames(), (QStringList { "Master", "Reverb", "Lowpass", "Channel 1" }));
     QCOMPARE(profiler.dspTree.nodesById.value(13)->depth, 1);
+    // The CPU history kept its snapshot, or was filled by the flood.
+    const QList<CPUUsageSnapshot>* history = profiler.cpuHistory.getHistoryList();
+    QVERIFY(QTest::qWaitFor([&] { return history->last().dsp == 7.0f; }, 5000));
+    QCOMPARE(history->size(), bytes == cpuPacket(42.0f) ? 100 : 2);
 }
 
 void TestHostileTarget::connectCloseCyclesLeakNothing()
@@ -341,16 +302,14 @@ void TestHostileTarget::connectCloseCyclesLeakNothing()
     LoopbackTarget target;
     Profiler profiler;
 
-    // The first cycle warms up what Qt allocates once.
-    QVERIFY(connectTo(profiler, target));
-    target.send(shownNetwork());
-    QVERIFY(QTest::qWaitFor([&] { return profiler.graph->nodeList.size() == 3; }, 5000));
-    profiler.network.disconnectFromHost();
-    QVERIFY(QTest::qWaitFor([&] { return !target.hasClient(); }, 5000));
-
-    const int descriptorsBefore = openFileDescriptors();
-    const qint64 memoryBefore = residentKiB();
-    for (int cycle = 0; cycle < 50; ++cycle) {
+    int descriptorsBefore = 0;
+    qint64 memoryBefore = 0;
+    for (int cycle = -1; cycle < 50; ++cycle) {
+        // The first cycle warms up what Qt allocates once.
+        if (cycle == 0) {
+            descriptorsBefore = openFileDescriptors();
+            memoryBefore = residentKiB();
+        }
         QVERIFY(connectTo(profiler, target));
         target.send(shownNetwork() + cpuPacket(float(cycle)));
         const QList<CPUUsageSnapshot>* history = profiler.cpuHistory.getHistoryList();

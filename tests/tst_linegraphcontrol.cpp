@@ -1,7 +1,5 @@
 #include "linegraph.h"
 #include "linegraphcontrol.h"
-#include "loopbacktarget.h"
-#include "packetbuilder.h"
 #include "profilerchain.h"
 
 #include <QCheckBox>
@@ -12,37 +10,36 @@
 
 namespace {
 
-LineGraphLegendItem* findRow(const QWidget* panel, const QString& name)
-{
-    for (LineGraphLegendItem* row : panel->findChildren<LineGraphLegendItem*>()) {
-        if (row->getText() == name)
-            return row;
-    }
-    return nullptr;
-}
-
-QSpinBox* spinBox(const QWidget* panel, int tab)
-{
-    return panel->findChild<QTabWidget*>()->widget(tab)->findChild<QSpinBox*>();
-}
-
-// The panel on collectors whose network never connects; tests fill the
-// collectors' lists and call the processing slots themselves.
+// The panel as the main form builds it, on collectors whose network never
+// connects: tests fill the collectors' lists and announce the new snapshots
+// with the collectors' own signal, so the connections are exercised too.
 struct Panel
 {
     ProfilerChain chain;
-    LineGraph graph;
-    LineGraphControl control{&graph, &chain.cpuHistory, &chain.channelHistory, &chain.codecHistory,
-                             &chain.statsHistory};
+    ProfilerLineGraph widget{&chain.cpuHistory, &chain.channelHistory, &chain.codecHistory, &chain.statsHistory};
+    LineGraphControl& control = *widget.getLineGraphControl();
 
-    LineGraphLegendItem* row(const QString& name) const { return findRow(&control, name); }
-    QSpinBox* spinBox(int tab) const { return ::spinBox(&control, tab); }
-    LineValuesGroup* group(int index) const { return graph.getGroups().at(index); }
+    LineGraphLegendItem* row(const QString& name) const
+    {
+        for (LineGraphLegendItem* row : control.findChildren<LineGraphLegendItem*>()) {
+            if (row->getText() == name)
+                return row;
+        }
+        return nullptr;
+    }
+
+    QSpinBox* spinBox(int tab) const { return control.findChild<QTabWidget*>()->widget(tab)->findChild<QSpinBox*>(); }
+    LineValuesGroup* group(int index) const { return widget.getLineGraph()->getGroups().at(index); }
+
+    QList<int> spinBoxMaxima() const
+    {
+        return {spinBox(0)->maximum(), spinBox(1)->maximum(), spinBox(2)->maximum(), spinBox(3)->maximum()};
+    }
 
     QList<LineValues*> lines() const
     {
         QList<LineValues*> all;
-        for (LineValuesGroup* group : graph.getGroups())
+        for (LineValuesGroup* group : widget.getLineGraph()->getGroups())
             all += group->getLines();
         return all;
     }
@@ -50,11 +47,23 @@ struct Panel
     // Line names are unique across the four groups.
     LineValues* line(const QString& name) const
     {
-        for (LineValues* candidate : lines()) {
-            if (candidate->getName() == name)
-                return candidate;
+        for (LineValues* line : lines()) {
+            if (line->getName() == name)
+                return line;
         }
         return nullptr;
+    }
+
+    // "Name: text" for each row that `like` names the same way, "(hidden)"
+    // appended for a hidden row, to compare with `like`.
+    QStringList legend(const QStringList& like) const
+    {
+        QStringList texts;
+        for (const QString& entry : like) {
+            const LineGraphLegendItem* found = row(entry.section(':', 0, 0));
+            texts << found->getText() + ": " + found->getValueText() + (found->isHidden() ? " (hidden)" : "");
+        }
+        return texts;
     }
 
     // Records "name=value" for every sample any line receives, in order.
@@ -67,11 +76,6 @@ struct Panel
         }
     }
 };
-
-CPUUsageSnapshot cpuSnapshot(float base)
-{
-    return CPUUsageSnapshot{base, base + 0.25f, base + 0.5f, base + 0.75f, base + 1.0f};
-}
 
 StatsSnapshot statsSnapshot(qint16 base)
 {
@@ -88,17 +92,16 @@ class TestLineGraphControl : public QObject
     Q_OBJECT
 
 private slots:
-    void legendRowsSwitchTheirLines();
-    void spinBoxFixesScale();
+    void rowsAndSpinBoxes();
     void cpuFeedsNewSnapshots();
     void statsThenChannelAndCodecPaths();
-    void collectorsDriveThePanel();
 };
 
-void TestLineGraphControl::legendRowsSwitchTheirLines()
+// Each legend row switches its own line, wearing the line's colour; the
+// codec legend is not in the order the group paints its lines.
+void TestLineGraphControl::rowsAndSpinBoxes()
 {
     Panel panel;
-    // The codec legend is not in the order the group paints its lines.
     const QList<QStringList> legends = {{"DSP", "Stream", "Geometry", "Update", "Total"},
                                         {"Hardware", "Software", "Real", "Virtual", "Playing"},
                                         {"Vorbis", "TADPCM", "ADPCM", "MPEG", "XMA", "AT9", "PCM"},
@@ -125,13 +128,9 @@ void TestLineGraphControl::legendRowsSwitchTheirLines()
         QCOMPARE(order, legends.at(tab));
         QCOMPARE(panel.group(tab)->getLines().size(), order.size());
     }
-}
 
-// A fixed scale ignores new data; "Auto" (0) slides again. The box wraps:
-// below "Auto" is the largest fixed scale, above that "Auto" again.
-void TestLineGraphControl::spinBoxFixesScale()
-{
-    Panel panel;
+    // A fixed scale ignores new data; "Auto" (0) slides again. The box wraps:
+    // below "Auto" is the largest fixed scale, above that "Auto" again.
     panel.row("DSP")->setChecked(true);
     panel.line("DSP")->addValue(12.0f);
     QSpinBox* spinBox = panel.spinBox(0);
@@ -162,20 +161,20 @@ void TestLineGraphControl::cpuFeedsNewSnapshots()
     } cases[] = {{10, 3, {7, 8, 9}}, {10, 0, {}}, {4, 9, {0, 1, 2, 3}}, {4, -2, {}}, {0, 3, {}}};
     for (const auto& c : cases) {
         Panel panel;
-        for (int i = 0; i < c.listSize; ++i)
-            panel.chain.cpuHistory.getHistoryList()->append(cpuSnapshot(i * 10.0f));
+        // The snapshot fields in declaration order, each 0.25 above the previous.
+        for (float base = 0; base < c.listSize * 10; base += 10)
+            panel.chain.cpuHistory.getHistoryList()->append({base, base + 0.25f, base + 0.5f, base + 0.75f, base + 1});
         panel.spinBox(0)->setMaximum(5);
         QStringList log;
         panel.recordFeeds(&log);
 
-        panel.control.slotProcessCPUHistory(c.numNewSnapshots);
+        emit panel.chain.cpuHistory.historyUpdated(c.numNewSnapshots);
 
-        // The snapshot fields in declaration order, each 0.25 above the previous.
-        const QStringList names{"DSP", "Stream", "Geometry", "Update", "Total"};
         QStringList expected;
         for (int i : c.fed) {
-            for (int k = 0; k < names.size(); ++k)
-                expected << QString("%1=%2").arg(names.at(k)).arg(i * 10 + k * 0.25);
+            for (const char* field : {"DSP=%1", "Stream=%1.25", "Geometry=%1.5", "Update=%1.75"})
+                expected << QString(field).arg(i * 10);
+            expected << QString("Total=%1").arg(i * 10 + 1);
         }
         QCOMPARE(log, expected);
         const QString newest = c.listSize ? QString::number((c.listSize - 1) * 10.0 + 0.5, 'f', 2) : "0.00";
@@ -204,37 +203,27 @@ void TestLineGraphControl::statsThenChannelAndCodecPaths()
     QStringList log;
     panel.recordFeeds(&log);
 
-    panel.control.slotProcessStatsHistory(2);
+    emit stats.historyUpdated(2);
 
-    const QList<QPair<QString, double>> fed = {
-        {"DSP", 0.5}, {"Stream", 1.5}, {"Geometry", 3.5}, {"Update", 2.5}, {"Total", 4.5},
-        {"Real", 5},  {"Virtual", 6},  {"Playing", 7},    {"MPEG", 10},    {"ADPCM", 8},
-        {"XMA", 12},  {"PCM", 14},     {"Current", 15.25}};
-    QStringList expected;
-    for (int base : {100, 200}) {
-        for (const auto& [name, offset] : fed)
-            expected << QString("%1=%2").arg(name).arg(base + offset);
-    }
-    QCOMPARE(log, expected);
-    for (const QString& name : QStringList{"TADPCM", "Vorbis", "AT9", "Hardware", "Software"})
-        QCOMPARE(panel.line(name)->getMaximum(), 0.0f);
-
-    QCOMPARE(panel.row("DSP")->getValueText(), QString("10.00 [0.00 - 20.00] / 100.00%"));
-    QCOMPARE(panel.row("Geometry")->getValueText(), QString("13.00 [3.00 - 23.00] / 103.00%"));
-    QCOMPARE(panel.row("Update")->getValueText(), QString("12.00 [2.00 - 22.00] / 102.00%"));
-    QCOMPARE(panel.row("Playing")->getValueText(), QString("17 [7 - 27] / 107 channel(s)"));
-    QCOMPARE(panel.row("TADPCM")->getValueText(), QString("19 [9 - 29] / 109 codec(s)"));
-    QCOMPARE(panel.row("AT9")->getValueText(), QString("23 [13 - 33] / 113 codec(s)"));
-    QCOMPARE(panel.row("Current")->getValueText(), QString("25.000 [15.000 - 35.000] / 1234.900 MB"));
-
-    for (const QString& name : QStringList{"Vorbis", "Hardware", "Software"})
-        QVERIFY(panel.row(name)->isHidden());
-    QVERIFY(!panel.row("Real")->isHidden());
-    QCOMPARE(panel.spinBox(0)->maximum(), 100);
-    QCOMPARE(panel.spinBox(2)->maximum(), 32);
-    QCOMPARE(panel.spinBox(3)->maximum(), 1234);
+    // TADPCM, Vorbis, AT9, Hardware and Software get no samples.
+    QCOMPARE(log, (QStringList{"DSP=100.5", "Stream=101.5", "Geometry=103.5", "Update=102.5", "Total=104.5", "Real=105",
+                               "Virtual=106", "Playing=107", "MPEG=110", "ADPCM=108", "XMA=112", "PCM=114",
+                               "Current=115.25", "DSP=200.5", "Stream=201.5", "Geometry=203.5", "Update=202.5",
+                               "Total=204.5", "Real=205", "Virtual=206", "Playing=207", "MPEG=210", "ADPCM=208",
+                               "XMA=212", "PCM=214", "Current=215.25"}));
+    const QStringList legend = {
+        "DSP: 10.00 [0.00 - 20.00] / 100.00%", "Stream: 11.00 [1.00 - 21.00] / 101.00%",
+        "Geometry: 13.00 [3.00 - 23.00] / 103.00%", "Update: 12.00 [2.00 - 22.00] / 102.00%",
+        "Total: 14.00 [4.00 - 24.00] / 104.00%", "Hardware: 0 [0 - 0] / 0 channel(s) (hidden)",
+        "Software: 0 [0 - 0] / 0 channel(s) (hidden)", "Real: 15 [5 - 25] / 105 channel(s)",
+        "Virtual: 16 [6 - 26] / 106 channel(s)", "Playing: 17 [7 - 27] / 107 channel(s)",
+        "Vorbis: 0 [0 - 0] / 0 codec(s) (hidden)", "TADPCM: 19 [9 - 29] / 109 codec(s)",
+        "ADPCM: 18 [8 - 28] / 108 codec(s)", "MPEG: 20 [10 - 30] / 110 codec(s)", "XMA: 22 [12 - 32] / 112 codec(s)",
+        "AT9: 23 [13 - 33] / 113 codec(s)", "PCM: 24 [14 - 34] / 114 codec(s)",
+        "Current: 25.000 [15.000 - 35.000] / 1234.900 MB"};
+    QCOMPARE(panel.legend(legend), legend);
     // The channel scale was fixed at 90; it stays fixed, at the new maximum.
-    QCOMPARE(panel.spinBox(1)->maximum(), 48);
+    QCOMPARE(panel.spinBoxMaxima(), (QList<int>{100, 48, 32, 1234}));
     QCOMPARE(panel.group(1)->getMaximum(), 48.0f);
 
     // Hiding a row leaves its line switched on; a later record shows it again.
@@ -242,47 +231,30 @@ void TestLineGraphControl::statsThenChannelAndCodecPaths()
     QVERIFY(panel.line("Vorbis")->getActive());
     stats.values[StatsHistory::StatsVorbis].capacity = 4.0f;
     stats.history->append(statsSnapshot(2));
-    panel.control.slotProcessStatsHistory(1);
-    QVERIFY(!panel.row("Vorbis")->isHidden());
-    QVERIFY(panel.row("Hardware")->isHidden());
+    emit stats.historyUpdated(1);
+    QCOMPARE(panel.legend({"Vorbis", "Hardware"}),
+             (QStringList{"Vorbis: 21 [11 - 31] / 4 codec(s)", "Hardware: 0 [0 - 0] / 0 channel(s) (hidden)"}));
 
     panel.chain.channelHistory.getHistoryList()->append(ChannelUsageSnapshot{1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
     panel.chain.channelHistory.getHistoryList()->append(
-        ChannelUsageSnapshot{12, 64, 5, 32, 17, 96, 20, 1024, 37, 1024});
+        ChannelUsageSnapshot{12, 64, 5, 32, 17, 96, 20, 1024, 37, 1000});
     panel.chain.codecHistory.getHistoryList()->append(CodecUsageSnapshot{3, 32, 2, 16, 1, 8, 4, 64});
     log.clear();
-    panel.control.slotProcessChannelHistory(1);
-    panel.control.slotProcessCodecHistory(1);
+    emit panel.chain.channelHistory.historyUpdated(1);
+    emit panel.chain.codecHistory.historyUpdated(1);
 
     QCOMPARE(log, (QStringList{"Hardware=12", "Software=5", "Real=17", "Virtual=20", "Playing=37", "MPEG=3",
                                "ADPCM=2", "XMA=1", "PCM=4"}));
-    QCOMPARE(panel.row("Hardware")->getValueText(), QString("12 [0 - 0] / 64 channel(s)"));
-    // Only the figure and the capacity come from these packets.
-    QCOMPARE(panel.row("XMA")->getValueText(), QString("1 [12 - 32] / 8 codec(s)"));
-    // The codec packet has no such pool: the row keeps the statistics.
-    QCOMPARE(panel.row("TADPCM")->getValueText(), QString("19 [9 - 29] / 109 codec(s)"));
+    // Only the figure and the capacity come from these packets; the codec
+    // packet has no TADPCM pool, so that row keeps the statistics.
+    const QStringList overwritten = {
+        "Hardware: 12 [0 - 0] / 64 channel(s) (hidden)", "Software: 5 [0 - 0] / 32 channel(s) (hidden)",
+        "Real: 17 [5 - 25] / 96 channel(s)", "Virtual: 20 [6 - 26] / 1024 channel(s)",
+        "Playing: 37 [7 - 27] / 1000 channel(s)", "MPEG: 3 [10 - 30] / 32 codec(s)", "ADPCM: 2 [8 - 28] / 16 codec(s)",
+        "XMA: 1 [12 - 32] / 8 codec(s)", "PCM: 4 [14 - 34] / 64 codec(s)", "TADPCM: 19 [9 - 29] / 109 codec(s)"};
+    QCOMPARE(panel.legend(overwritten), overwritten);
     // Neither collector has decoded a packet, so both maxima are 0 now.
-    QCOMPARE(panel.spinBox(1)->maximum(), 0);
-    QCOMPARE(panel.spinBox(2)->maximum(), 0);
-}
-
-void TestLineGraphControl::collectorsDriveThePanel()
-{
-    LoopbackTarget target;
-    ProfilerChain chain;
-    ProfilerLineGraph panel(&chain.cpuHistory, &chain.channelHistory, &chain.codecHistory, &chain.statsHistory);
-
-    chain.network.connectToHost("127.0.0.1", target.port());
-    QVERIFY(QTest::qWaitFor([&chain] { return chain.network.isConnected(); }, 5000));
-    QVERIFY(target.waitForClient());
-    target.send(PacketBuilder(TARN::PacketTypeChannels, 0, 0).i32(3).i32(32).i32(5).i32(64).i32(10).i32(1024).finish()
-                + PacketBuilder(TARN::PacketTypeCodecs, 0, 0).i32(1).i32(32).i32(2).i32(16).i32(3).i32(0).i32(4)
-                      .i32(64).finish());
-
-    QVERIFY(QTest::qWaitFor([&] { return spinBox(&panel, 2)->maximum() == 64; }, 5000));
-    QCOMPARE(findRow(&panel, "Real")->getValueText(), QString("8 [0 - 0] / 96 channel(s)"));
-    QCOMPARE(findRow(&panel, "PCM")->getValueText(), QString("4 [0 - 0] / 64 codec(s)"));
-    QCOMPARE(spinBox(&panel, 1)->maximum(), 1024);
+    QCOMPARE(panel.spinBoxMaxima(), (QList<int>{100, 0, 0, 1234}));
 }
 
 QTEST_MAIN(TestLineGraphControl)
