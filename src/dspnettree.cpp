@@ -195,10 +195,13 @@ void DSPTree::rebuildDSPGraph(const QByteArray& packet, int version, int firstRe
 
 // Marks every unit as not yet read by the coming walk. A unit built from
 // the last packet also notes where its record lay there, so that an
-// unchanged name need not be decoded again.
+// unchanged name need not be decoded again. The last packet's records are
+// kept for the walk: a changed network mostly lists its units in the same
+// order, which findUnit() uses.
 void DSPTree::markUnitsForReuse(int version)
 {
-    previousUnits.clear();
+    previousRecords.clear();
+    reuseCursor = 0;
     // Records of a table edited by hand may name units that are gone, so
     // such a table is walked itself.
     if (!nodesById.isSharedWith(shapeNodes)) {
@@ -209,11 +212,30 @@ void DSPTree::markUnitsForReuse(int version)
     const bool sameLayout = version == dspVersion;
     for (int i = 0; i < shapeRecords.size(); ++i) {
         const ShapeRecord& shape = shapeRecords.at(i);
-        if (!shape.first)
-            continue;
-        shape.node->walkIndex = sameLayout ? i : UnreadUnit;
-        previousUnits.append(shape.node);
+        if (shape.first)
+            shape.node->walkIndex = sameLayout ? i : UnreadUnit;
     }
+    previousRecords.swap(shapeRecords);
+}
+
+// The unit of the last network with this id, or null. The record after the
+// last one matched is tried first: it is sequential, while the table is a
+// cache miss or two per unit in a large network.
+DSPNode* DSPTree::findUnit(unsigned long long id)
+{
+    const int next = reuseCursor;
+    if (next + Prefetch::Distance < previousRecords.size())
+        Prefetch::object(previousRecords.at(next + Prefetch::Distance).node);
+    if (next < previousRecords.size() && previousRecords.at(next).node->id == id) {
+        ++reuseCursor;
+        return previousRecords.at(next).node;
+    }
+    DSPNode* node = nodesById.value(id);
+    // Picks up the last network's order again after a unit that was added
+    // or moved.
+    if (node && node->walkIndex >= 0 && !previousRecords.isEmpty())
+        reuseCursor = node->walkIndex + 1;
+    return node;
 }
 
 // Deletes the units the walk did not read. A table built here is keyed by
@@ -221,7 +243,7 @@ void DSPTree::markUnitsForReuse(int version)
 // edited by hand is walked itself.
 void DSPTree::dropUnreadUnits()
 {
-    if (previousUnits.isEmpty()) {
+    if (previousRecords.isEmpty()) {
         for (auto it = nodesById.begin(); it != nodesById.end();) {
             if (it.value()->walkIndex == ReadUnit) {
                 ++it;
@@ -232,13 +254,13 @@ void DSPTree::dropUnreadUnits()
         }
         return;
     }
-    for (DSPNode* node : qAsConst(previousUnits)) {
-        if (node->walkIndex == ReadUnit)
+    for (const ShapeRecord& shape : qAsConst(previousRecords)) {
+        if (!shape.first || shape.node->walkIndex == ReadUnit)
             continue;
-        nodesById.remove(node->id);
-        delete node;
+        nodesById.remove(shape.node->id);
+        delete shape.node;
     }
-    previousUnits.clear();
+    previousRecords.clear();
 }
 
 void DSPTree::createDSPRecurse(const char** cursor, DSPNode* parent)
@@ -276,7 +298,7 @@ bool DSPTree::readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit
 
     // A unit with several consumers is held once and linked from each; its
     // cost counts only under the first.
-    DSPNode* node = nodesById.value(scratch.id);
+    DSPNode* node = findUnit(scratch.id);
     if (node && node->walkIndex == ReadUnit) {
         link.node = node;
         parent->inputs.append(link);

@@ -141,6 +141,7 @@ private:
     void visitUnits(Visit visit);
     void takeRecord(DSPNode* node, const char* record, int childCount);
     void markUnitsForReuse(int version);
+    DSPNode* findUnit(unsigned long long id);
     void dropUnreadUnits();
     void releaseUnits();
     void sendCommandString(unsigned char type, unsigned char version, const QString& text);
@@ -162,8 +163,10 @@ private:
     DSPNode scratch;
     DSPRecords::UnitIdSet unitIds;
 
-    // The units of the network being replaced, while a rebuild runs.
-    QVector<DSPNode*> previousUnits;
+    // The records of the network being replaced, while a rebuild runs, and
+    // the one expected to come next.
+    QVector<ShapeRecord> previousRecords;
+    int reuseCursor = 0;
 
     quint64 shapeSerial = 0;
     quint64 valueSerial = 0;
