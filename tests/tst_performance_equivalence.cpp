@@ -450,6 +450,27 @@ private slots:
         QVERIFY2(inPlace > 300 && rebuilt > 50,
                  qPrintable(QStringLiteral("%1 in place, %2 rebuilt").arg(inPlace).arg(rebuilt)));
     }
+
+    // A repeated unit's record may carry a child count; no children are read for it, so the records after it
+    // still belong to the unit before. An update in place must nest them the same way.
+    void repeatedUnitWithChildCount()
+    {
+        const auto network = [](quint16 usage) {
+            return dspPacketV6({ { 1, 2, usage }, { 2, 1, 2 }, { 3, 0, 3 }, { 4, 2, 4 }, { 3, 2, 3 },
+                                 { 5, 0, quint16(usage + 5) } });
+        };
+        ModelAndView running(true, true);
+        running.network.receiveBytes(network(10));
+        const quint64 valueSerial = running.tree.getValueSerial();
+        running.network.receiveBytes(network(20));
+        QVERIFY(running.tree.getValueSerial() != valueSerial);
+
+        ModelAndView fresh(true, true);
+        fresh.network.receiveBytes(network(20));
+        QCOMPARE(modelDigest(running.tree), modelDigest(fresh.tree));
+        // Unit 3 counts under unit 2, where it was first read.
+        QCOMPARE(running.tree.nodesById.value(4)->inclusiveUsage, quint32(4 + 25));
+    }
 };
 
 QTEST_MAIN(TestPerformanceEquivalence)
