@@ -1,8 +1,8 @@
 #include "dspnettree.h"
 
 #include "dspdepths.h"
-#include "prefetch.h"
 #include "packetreader.h"
+#include "prefetch.h"
 #include "profilepacket.h"
 #include "profilernetwork.h"
 
