@@ -13,11 +13,9 @@ using namespace DSPNetGraphGeometry;
 void DSPNetGraph::indexGroupBoxes()
 {
     groupIndexById.startPass(groupList.size() + tree->groups.size());
-    int index;
-    for (int i = 0; i < groupList.size(); ++i) {
-        if (!groupIndexById.find(groupList.at(i).id, &index))
-            groupIndexById.insert(groupList.at(i).id, i);
-    }
+    // The first box of a group is the one it keeps.
+    for (int i = 0; i < groupList.size(); ++i)
+        groupIndexById.insertNew(groupList.at(i).id, i);
 }
 
 void DSPNetGraph::addToGroupBox(unsigned long long groupId, const QRect& extent)

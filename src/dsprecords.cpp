@@ -164,37 +164,6 @@ void decodeRecordV6(PacketReader& in, DSPNode* node, RecordPlace* place)
 
 } // namespace
 
-void UnitIdSet::reset(int count)
-{
-    int capacity = 16;
-    while (capacity < 2 * count)
-        capacity *= 2;
-    // One huge packet must not hold its room for the rest of the session.
-    if (ids.capacity() > 4 * capacity) {
-        ids = QVector<unsigned long long>();
-        used = QVector<bool>();
-    }
-    ids.resize(capacity);
-    used.fill(false, capacity);
-    mask = static_cast<quint32>(capacity - 1);
-    stored = 0;
-}
-
-bool UnitIdSet::insert(unsigned long long id)
-{
-    // Fibonacci hashing spreads ids that differ only in high bits.
-    quint32 slot = static_cast<quint32>((id * 0x9E3779B97F4A7C15ULL) >> 32) & mask;
-    while (used.at(int(slot))) {
-        if (ids.at(int(slot)) == id)
-            return false;
-        slot = (slot + 1) & mask;
-    }
-    used[int(slot)] = true;
-    ids[int(slot)] = id;
-    ++stored;
-    return true;
-}
-
 int recordSize(int version)
 {
     return recordLayout(version).size;
@@ -249,7 +218,7 @@ int countUnits(const QByteArray& packet, int firstRecord, int version, UnitIdSet
     const RecordLayout layout = recordLayout(version);
     // Every record but the first is some unit's child, so no more units
     // than records can be met.
-    seen->reset(qMax(0, packet.size() - firstRecord) / layout.size + 1);
+    seen->startPass(qMax(0, packet.size() - firstRecord) / layout.size + 1);
     PacketReader in(packet, firstRecord);
     QVector<int> childrenLeft { 1 };
     while (!childrenLeft.isEmpty()) {
@@ -266,7 +235,7 @@ int countUnits(const QByteArray& packet, int firstRecord, int version, UnitIdSet
         fields.skip(layout.childCountOffset - fields.position());
         const int children = readChildCount(fields, layout.childCount16);
         // A repeated unit's children are not sent again.
-        if (!seen->insert(id))
+        if (!seen->insertNew(id, true))
             continue;
         if (children > 0)
             childrenLeft.append(children);

@@ -1,6 +1,8 @@
 #ifndef DSPRECORDS_H
 #define DSPRECORDS_H
 
+#include "passtable.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QVector>
@@ -21,24 +23,10 @@ struct RecordPlace
     bool sidechain = false;
 };
 
-// The ids the validation walk has met, by open addressing in arrays that
-// keep their room from packet to packet: a node-based set would allocate
-// and free an entry per unit on every update.
-class UnitIdSet
-{
-public:
-    // Room for at most `count` ids, all slots empty.
-    void reset(int count);
-    // False when the id was there already.
-    bool insert(unsigned long long id);
-    int size() const { return stored; }
-
-private:
-    QVector<unsigned long long> ids;
-    QVector<bool> used;
-    quint32 mask = 0;
-    int stored = 0;
-};
+// The ids the validation walk has met. The table keeps its room from packet
+// to packet: a node-based set would allocate and free an entry per unit on
+// every update.
+using UnitIdSet = PassTable<unsigned long long, bool>;
 
 int recordSize(int version);
 

@@ -7,7 +7,8 @@
 // A map that a layout pass fills and reads many times per unit and that the
 // next pass starts empty again: a flat open-addressing table, so a lookup
 // touches one cell instead of a bucket and a node, and emptying it counts
-// passes instead of visiting every entry. Keys are integers.
+// passes instead of visiting every entry. Keys are integers. The packet
+// decoder uses one as the set of unit ids a packet has shown so far.
 template <typename Key, typename Value>
 class PassTable
 {
@@ -38,15 +39,19 @@ public:
 
     void insert(Key key, Value value)
     {
-        if (2 * (stored + 1) > cells.size())
-            grow();
-        Cell& cell = cells[cellFor(key)];
-        if (cell.pass != pass) {
-            cell.key = key;
-            cell.pass = pass;
-            ++stored;
-        }
-        cell.value = value;
+        bool added;
+        claim(key, &added).value = value;
+    }
+
+    // Adds `key` with `value` unless this pass has it already; false then,
+    // and the value it has stays. One probe where find and insert take two.
+    bool insertNew(Key key, Value value)
+    {
+        bool added;
+        Cell& cell = claim(key, &added);
+        if (added)
+            cell.value = value;
+        return added;
     }
 
     int size() const { return stored; }
@@ -104,6 +109,21 @@ private:
         mask = static_cast<quint32>(capacity - 1);
         pass = 1;
         stored = 0;
+    }
+
+    // The cell of `key` in this pass, taken for it if it had none.
+    Cell& claim(Key key, bool* added)
+    {
+        if (2 * (stored + 1) > cells.size())
+            grow();
+        Cell& cell = cells[cellFor(key)];
+        *added = cell.pass != pass;
+        if (*added) {
+            cell.key = key;
+            cell.pass = pass;
+            ++stored;
+        }
+        return cell;
     }
 
     // The cell holding `key` in this pass, or the free cell where it would go.
