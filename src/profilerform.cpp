@@ -18,27 +18,6 @@
 #include <QSplitter>
 #include <QVBoxLayout>
 
-namespace
-{
-
-struct StreamRequest
-{
-    unsigned char type;
-    unsigned int period;
-};
-
-// The streams asked for when the link comes up, in the order they are sent.
-const StreamRequest StreamRequests[] = {
-    { TARN::PacketTypeDSPNetwork, 100 },
-    { TARN::PacketTypeGroups, 100 },
-    { TARN::PacketTypeCPU, 200 },
-    { TARN::PacketTypeChannels, 200 },
-    { TARN::PacketTypeCodecs, 200 },
-    { TARN::PacketTypeStats, 200 },
-};
-
-} // namespace
-
 ProfilerForm::ProfilerForm(QWidget* parent, Qt::WindowFlags flags)
     : QWidget(parent, flags)
 {
@@ -160,8 +139,7 @@ ProfilerForm::~ProfilerForm()
 
 void ProfilerForm::requestData(bool on)
 {
-    for (const StreamRequest& request : StreamRequests)
-        network->requestDataType(request.type, TARN::PacketSubtypeData, on ? request.period : 0);
+    network->requestProfileStreams(on);
 }
 
 void ProfilerForm::setPaused(bool paused)

@@ -7,6 +7,23 @@ namespace
 {
 
 const int ReconnectIntervalMs = 5000;
+
+struct StreamRequest
+{
+    unsigned char type;
+    unsigned int period;
+};
+
+// The streams asked for when the link comes up, in the order they are sent.
+const StreamRequest StreamRequests[] = {
+    { TARN::PacketTypeDSPNetwork, 100 },
+    { TARN::PacketTypeGroups, 100 },
+    { TARN::PacketTypeCPU, 200 },
+    { TARN::PacketTypeChannels, 200 },
+    { TARN::PacketTypeCodecs, 200 },
+    { TARN::PacketTypeStats, 200 },
+};
+
 const int IdleTimeoutMs = 3000;
 
 quint16 packetKey(unsigned char type, unsigned char subtype)
@@ -115,6 +132,12 @@ void ProfilerNetwork::sendCommand(TARN::ProfilePacketHeader* packet)
     const qint64 size = packet->size;
     if (socket->write(reinterpret_cast<const char*>(packet), size) != size)
         failWithSocketError();
+}
+
+void ProfilerNetwork::requestProfileStreams(bool on)
+{
+    for (const StreamRequest& request : StreamRequests)
+        requestDataType(request.type, TARN::PacketSubtypeData, on ? request.period : 0);
 }
 
 int ProfilerNetwork::getNumWaitingPackets(unsigned char type, unsigned char subtype)

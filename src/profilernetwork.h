@@ -13,6 +13,7 @@
 #include <deque>
 #include <list>
 
+class CaptureWriter;
 class QTcpSocket;
 class QTimer;
 
@@ -62,6 +63,25 @@ public:
     // Frames bytes as they come from the target and announces the packets.
     // The socket feeds it; replay tools, fuzzers and benchmarks can too.
     void receiveBytes(const QByteArray& bytes);
+    // Asks the target for the six profiling streams at their periods (DSP
+    // network and groups every 100 ms, the rest every 200 ms), or with
+    // on = false stops them.
+    void requestProfileStreams(bool on);
+    // Every byte that crosses the socket, both ways, and every connection
+    // that comes up or goes down is also handed to the recorder, when one is
+    // set. Not owned; nullptr stops recording.
+    void setRecorder(CaptureWriter* recorder);
+    // Replay: recorded bytes come in through receiveBytes() instead of the
+    // socket. While replaying the link counts as connected, requests are
+    // dropped quietly and commands are dropped with a status text, since
+    // there is no target to receive them. startReplay() drops any live
+    // connection first; replayConnection() marks the start of a recorded
+    // connection (a new byte stream); stopReplay() ends the replay with the
+    // given status text, as does disconnectFromHost().
+    void startReplay(const QString& status);
+    void replayConnection();
+    void stopReplay(const QString& status);
+    bool isReplaying() const;
     int getNumWaitingPackets(unsigned char type, unsigned char subtype);
     QByteArray getPacket(unsigned char type, unsigned char subtype);
 
