@@ -152,6 +152,21 @@ bool ProfilerForm::getPaused()
     return network->paused;
 }
 
+ProfilerNetwork* ProfilerForm::getNetwork()
+{
+    return network;
+}
+
+QString ProfilerForm::getTargetHost() const
+{
+    return ipEdit->text();
+}
+
+quint16 ProfilerForm::getTargetPort() const
+{
+    return portEdit->text().toUShort(nullptr, 10);
+}
+
 void ProfilerForm::slotConnect()
 {
     if (network->isConnected() || network->isConnecting())

@@ -33,6 +33,10 @@ public:
     void requestData(bool on);
     void setPaused(bool paused);
     bool getPaused();
+    ProfilerNetwork* getNetwork();
+    // What the address and port fields hold now.
+    QString getTargetHost() const;
+    quint16 getTargetPort() const;
 
 signals:
     void signalWindowClose();
