@@ -1,4 +1,5 @@
 #include "targetserver.h"
+#include "version.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -70,6 +71,7 @@ Options parseOptions(const QCoreApplication& app)
     parser.setApplicationDescription(QStringLiteral(
         "A simulated game that streams audio-engine profiling data to the profiler."));
     parser.addHelpOption();
+    parser.addVersionOption();
     parser.addOptions({
         {QStringLiteral("host"), QStringLiteral("Address to listen on (default 127.0.0.1)."), QStringLiteral("address"),
          QStringLiteral("127.0.0.1")},
@@ -115,6 +117,7 @@ int main(int argc, char* argv[])
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("tarn-demo-target"));
+    QCoreApplication::setApplicationVersion(tarnVersion());
     const Options options = parseOptions(app);
 
     TargetServer server(options.settings);
