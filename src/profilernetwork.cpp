@@ -1,5 +1,7 @@
 #include "profilernetwork.h"
 
+#include "capturefile.h"
+
 #include <QTcpSocket>
 #include <QTimer>
 
@@ -26,6 +28,9 @@ const StreamRequest StreamRequests[] = {
 
 const int IdleTimeoutMs = 3000;
 
+const QString ReplayCommandStatus = QStringLiteral("Replay: commands are not sent to a target.");
+const QString ReplayBrokenStatus = QStringLiteral("Replay stopped: the recorded bytes do not form valid packets.");
+
 quint16 packetKey(unsigned char type, unsigned char subtype)
 {
     return quint16(type << 8 | subtype);
@@ -49,6 +54,9 @@ ProfilerNetwork::ProfilerNetwork()
     , autoReconnect(false)
     , hostName(QStringLiteral("127.0.0.1"))
     , port(DefaultProfilerPort)
+    , recorder(nullptr)
+    , recordedConnected(false)
+    , replaying(false)
     , waitingBytes(0)
     , readPassQueued(false)
 {
@@ -84,7 +92,8 @@ void ProfilerNetwork::connectToHost(QString host, unsigned short port)
 
 void ProfilerNetwork::disconnectFromHost()
 {
-    socket->abort();
+    abortSocket();
+    replaying = false;
     setState(StateDisconnected);
 }
 
@@ -95,7 +104,7 @@ bool ProfilerNetwork::isConnecting()
 
 bool ProfilerNetwork::isConnected()
 {
-    return socket->state() == QAbstractSocket::ConnectedState;
+    return replaying || socket->state() == QAbstractSocket::ConnectedState;
 }
 
 void ProfilerNetwork::setAutoReconnect(bool on)
@@ -109,7 +118,7 @@ void ProfilerNetwork::setAutoReconnect(bool on)
 
 void ProfilerNetwork::requestDataType(unsigned char type, unsigned char subtype, unsigned int updateInterval)
 {
-    if (!isConnected())
+    if (!isConnected() || replaying)
         return;
     idleTimer->stop();
 
@@ -121,7 +130,7 @@ void ProfilerNetwork::requestDataType(unsigned char type, unsigned char subtype,
 
     if (!isConnected())
         return;
-    if (socket->write(reinterpret_cast<const char*>(&request), sizeof request) != qint64(sizeof request))
+    if (!writeToTarget(reinterpret_cast<const char*>(&request), sizeof request))
         failWithSocketError();
 }
 
@@ -129,8 +138,13 @@ void ProfilerNetwork::sendCommand(TARN::ProfilePacketHeader* packet)
 {
     if (!isConnected())
         return;
-    const qint64 size = packet->size;
-    if (socket->write(reinterpret_cast<const char*>(packet), size) != size)
+    // The user may right-click a unit of a replayed network; nothing can
+    // carry the command out, and silence would look like a dead target.
+    if (replaying) {
+        emit statusChanged(ReplayCommandStatus);
+        return;
+    }
+    if (!writeToTarget(reinterpret_cast<const char*>(packet), packet->size))
         failWithSocketError();
 }
 
@@ -138,6 +152,45 @@ void ProfilerNetwork::requestProfileStreams(bool on)
 {
     for (const StreamRequest& request : StreamRequests)
         requestDataType(request.type, TARN::PacketSubtypeData, on ? request.period : 0);
+}
+
+void ProfilerNetwork::setRecorder(CaptureWriter* newRecorder)
+{
+    // The file being left ends the connection it saw come up, so every file
+    // pairs its connections; one that came up before the new recorder is not
+    // the new one's to close.
+    recordDisconnected();
+    recorder = newRecorder;
+}
+
+void ProfilerNetwork::startReplay(const QString& status)
+{
+    abortSocket();
+    connecting = false;
+    autoReconnect = false;
+    reconnectTimer->stop();
+    idleTimer->stop();
+    received.clear();
+    clearPackets();
+    replaying = true;
+    emit statusChanged(status);
+}
+
+void ProfilerNetwork::replayConnection()
+{
+    received.clear();
+}
+
+void ProfilerNetwork::stopReplay(const QString& status)
+{
+    replaying = false;
+    received.clear();
+    emit statusChanged(status);
+}
+
+bool ProfilerNetwork::isReplaying() const
+{
+    return replaying;
 }
 
 int ProfilerNetwork::getNumWaitingPackets(unsigned char type, unsigned char subtype)
@@ -165,11 +218,16 @@ void ProfilerNetwork::slotSocketConnected()
 {
     // A new connection is a new byte stream.
     received.clear();
+    if (recorder) {
+        recorder->appendConnected(hostName, port);
+        recordedConnected = true;
+    }
     setState(StateConnected);
 }
 
 void ProfilerNetwork::slotSocketErrorOccurred(QAbstractSocket::SocketError socketError)
 {
+    recordDisconnected();
     switch (socketError) {
     case QAbstractSocket::ConnectionRefusedError:
         setState(StateConnectFailed);
@@ -186,7 +244,10 @@ void ProfilerNetwork::slotSocketErrorOccurred(QAbstractSocket::SocketError socke
 void ProfilerNetwork::slotPacketArrived()
 {
     idleTimer->start();
-    receiveBytes(socket->read(MaxReadPerPass));
+    const QByteArray bytes = socket->read(MaxReadPerPass);
+    if (recorder && !bytes.isEmpty())
+        recorder->appendReceived(bytes);
+    receiveBytes(bytes);
     // A target sending at full speed must not keep the user interface from
     // turning: take the rest on the next pass of the event loop. The socket
     // will not signal again for bytes it already holds.
@@ -258,7 +319,7 @@ void ProfilerNetwork::slotReconnectTimeout()
 
 void ProfilerNetwork::slotIdleTimeout()
 {
-    socket->abort();
+    abortSocket();
     setState(StateTargetClosed);
 }
 
@@ -309,19 +370,49 @@ void ProfilerNetwork::startConnection(const QString& host, unsigned short reques
 {
     hostName = host;
     port = requestedPort == 0 ? quint16(DefaultProfilerPort) : requestedPort;
+    replaying = false;
     setState(StateConnecting);
     // A previous attempt may still be under way when the reconnect timer
     // fires; connecting a busy socket would be refused as an operation error.
     if (socket->state() != QAbstractSocket::UnconnectedState)
-        socket->abort();
+        abortSocket();
     socket->connectToHost(hostName, port, QIODevice::ReadWrite, QAbstractSocket::AnyIPProtocol);
+}
+
+void ProfilerNetwork::abortSocket()
+{
+    recordDisconnected();
+    socket->abort();
+}
+
+void ProfilerNetwork::recordDisconnected()
+{
+    if (recordedConnected && recorder)
+        recorder->appendDisconnected();
+    recordedConnected = false;
+}
+
+// Everything written goes through here, so the recording holds exactly the
+// bytes the target was sent.
+bool ProfilerNetwork::writeToTarget(const char* bytes, qint64 size)
+{
+    if (socket->write(bytes, size) != size)
+        return false;
+    if (recorder)
+        recorder->appendSent(QByteArray(bytes, int(size)));
+    return true;
 }
 
 void ProfilerNetwork::failWithSocketError()
 {
-    socket->abort();
+    abortSocket();
     received.clear();
-    setState(StateSocketError);
+    // A recorded stream that breaks broke the live link too; the replay
+    // ends where the connection did.
+    if (replaying)
+        stopReplay(ReplayBrokenStatus);
+    else
+        setState(StateSocketError);
 }
 
 void ProfilerNetwork::appendPacket(const QByteArray& packet)

@@ -101,6 +101,9 @@ public slots:
 private:
     void setState(ProfilerNetworkState state);
     void startConnection(const QString& host, unsigned short port);
+    void abortSocket();
+    void recordDisconnected();
+    bool writeToTarget(const char* bytes, qint64 size);
     void failWithSocketError();
     bool frameReceivedBytes(const QByteArray& bytes);
     void appendPacket(const QByteArray& packet);
@@ -127,6 +130,10 @@ private:
     bool autoReconnect;
     QString hostName;
     quint16 port;
+    CaptureWriter* recorder;
+    // Whether the recorder was told of a connection it has not yet seen end.
+    bool recordedConnected;
+    bool replaying;
     qint64 waitingBytes;
     // Bytes received but not yet cut into packets: at most one partial packet.
     QByteArray received;
