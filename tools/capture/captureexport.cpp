@@ -134,7 +134,10 @@ int CaptureExport::run(QTextStream& err)
 void CaptureExport::replay(const CaptureStream::Event& event)
 {
     // The stream hands over whole packets only, so the network never holds
-    // part of one when a new connection starts.
+    // part of one when a connection ends; telling it keeps it that way if
+    // that ever changes.
+    if (event.kind == CaptureStream::EventKind::Connected)
+        network.replayConnection();
     if (event.kind != CaptureStream::EventKind::Received)
         return;
     timeUs = event.timeUs;
