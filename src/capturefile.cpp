@@ -1,7 +1,7 @@
 #include "capturefile.h"
 
+#include "captureformat.h"
 #include "packetreader.h"
-#include "profilepacket.h"
 
 #include <QBuffer>
 #include <QElapsedTimer>
@@ -11,65 +11,32 @@
 #include <zstd.h>
 
 #include <atomic>
-#include <bitset>
 #include <condition_variable>
+#include <cstring>
 #include <deque>
 #include <limits>
 #include <mutex>
 #include <thread>
-#include <unordered_map>
+
+using namespace CaptureFormat;
 
 namespace
 {
 
-const char Magic[8] = { 'T', 'A', 'R', 'N', 'C', 'A', 'P', '\0' };
-const quint16 FormatVersion = 1;
-const int FramePrefixSize = 8;
 // A frame is closed before its raw content would pass this, and once it
 // spans a second of record or wall time; a crash loses at most that much.
 const qint64 FrameRawTarget = 8 * 1024 * 1024;
 const qint64 FrameSpanUs = 1000000;
 const qint64 FrameSpanMs = 1000;
-// kind, a 10-byte time varint and a 5-byte length varint.
-const int MaxRecordHeaderSize = 16;
-// The largest frame a writer makes: one record of the largest size alone.
-const quint32 MaxFrameRawSize = Capture::MaxRecordSize + MaxRecordHeaderSize;
-const quint32 MaxPacketSize = 64u * 1024u * 1024u;
 // Beyond this much waiting to be written the disk is not keeping up.
 const qint64 MaxQueuedBytes = 256 * 1024 * 1024;
 // What a queued record costs besides its bytes, so a flood of empty records
 // is bounded too.
 const qint64 RecordOverhead = 64;
-// Previous packets kept for delta coding, on both sides.
-const qint64 DeltaReferenceBudget = 64 * 1024 * 1024;
 const int CompressionLevel = 3;
 // A window as large as a frame's usual content lets a large snapshot packet
 // match the one before it anywhere in the frame.
 const int CompressionWindowLog = 23;
-const int DeltaMaskSize = 32;
-
-using TypeSet = std::bitset<256>;
-
-// The packet types whose bodies are delta coded, chosen by measurement
-// (docs/capture-format.md): every snapshot stream but the DSP network, whose
-// large packets zstd matches against the previous one better than their XOR.
-TypeSet defaultDeltaTypes()
-{
-    TypeSet types;
-    for (int type : { TARN::PacketTypeCPU, TARN::PacketTypeChannels, TARN::PacketTypeCodecs, TARN::PacketTypeGroups,
-                      TARN::PacketTypeStats })
-        types.set(size_t(type));
-    return types;
-}
-
-void appendVarint(QByteArray& out, quint64 value)
-{
-    while (value >= 0x80) {
-        out.append(char(value | 0x80));
-        value >>= 7;
-    }
-    out.append(char(value));
-}
 
 void appendLittleEndian16(QByteArray& out, quint16 value)
 {
@@ -86,149 +53,6 @@ void appendString(QByteArray& out, const QString& text)
 }
 
 } // namespace
-
-// Frames the Received byte stream into packets and XORs each packet body
-// with the body of the previous packet of the same (type, subtype) when that
-// one had the same size. Headers pass unchanged, so the decoder frames the
-// decoded bytes the same way and keeps the same references. The state runs
-// on across chunks and frames; a Connected record starts it afresh.
-class StreamDelta
-{
-public:
-    explicit StreamDelta(const TypeSet& types = TypeSet())
-        : deltaTypes(types)
-    {
-    }
-
-    void setTypes(const TypeSet& types) { deltaTypes = types; }
-    const TypeSet& types() const { return deltaTypes; }
-
-    void startStream()
-    {
-        passThrough = false;
-        headerFill = 0;
-        bodyDone = 0;
-        bodySize = 0;
-        reference = nullptr;
-        body.clear();
-        references.clear();
-        referenceBytes = 0;
-    }
-
-    // Bytes after a disconnection belong to no stream we can frame.
-    void endStream()
-    {
-        startStream();
-        passThrough = true;
-    }
-
-    void encode(char* data, int size) { transform(data, size, true); }
-    void decode(char* data, int size) { transform(data, size, false); }
-
-private:
-    void transform(char* data, int size, bool encoding)
-    {
-        int position = 0;
-        while (position < size && !passThrough) {
-            if (headerFill < TARN::ProfilePacketHeaderSize)
-                position += takeHeader(data + position, size - position);
-            else
-                position += transformBody(data + position, size - position, encoding);
-        }
-    }
-
-    int takeHeader(const char* data, int size)
-    {
-        const int count = qMin(size, TARN::ProfilePacketHeaderSize - headerFill);
-        std::copy(data, data + count, header + headerFill);
-        headerFill += count;
-        if (headerFill == TARN::ProfilePacketHeaderSize)
-            startBody();
-        return count;
-    }
-
-    void startBody()
-    {
-        const quint32 size = qFromLittleEndian<quint32>(header);
-        // The receiver drops the link on such a size; what follows cannot be framed.
-        if (size < quint32(TARN::ProfilePacketHeaderSize) || size > MaxPacketSize) {
-            passThrough = true;
-            return;
-        }
-        const quint8 type = quint8(header[TARN::PacketTypeOffset]);
-        key = quint16(type << 8 | quint8(header[TARN::PacketSubtypeOffset]));
-        coded = deltaTypes.test(type);
-        bodySize = size - quint32(TARN::ProfilePacketHeaderSize);
-        bodyDone = 0;
-        reference = nullptr;
-        if (coded) {
-            auto it = references.find(key);
-            if (it != references.end() && quint32(it->second.size()) == bodySize)
-                reference = &it->second;
-        }
-        if (bodySize == 0)
-            finishPacket();
-    }
-
-    int transformBody(char* data, int size, bool encoding)
-    {
-        const int count = int(qMin(quint32(size), bodySize - bodyDone));
-        if (reference) {
-            // The reference becomes this packet's plain body as it goes.
-            char* previous = reference->data() + bodyDone;
-            for (int i = 0; i < count; ++i) {
-                const char in = data[i];
-                data[i] = char(in ^ previous[i]);
-                previous[i] = encoding ? in : data[i];
-            }
-        } else if (coded) {
-            body.append(data, count);
-        }
-        bodyDone += quint32(count);
-        if (bodyDone == bodySize)
-            finishPacket();
-        return count;
-    }
-
-    void finishPacket()
-    {
-        if (coded && !reference)
-            keepReference();
-        headerFill = 0;
-        bodyDone = 0;
-        reference = nullptr;
-    }
-
-    // Over the budget every other reference goes: both sides decide alike
-    // from the same packet sizes.
-    void keepReference()
-    {
-        QByteArray& slot = references[key];
-        const qint64 total = referenceBytes - slot.size() + body.size();
-        if (total > DeltaReferenceBudget) {
-            references.clear();
-            referenceBytes = body.size();
-            references[key] = body;
-        } else {
-            slot = body;
-            referenceBytes = total;
-        }
-        body = QByteArray();
-    }
-
-    TypeSet deltaTypes;
-    bool passThrough = false;
-    char header[TARN::ProfilePacketHeaderSize] = {};
-    int headerFill = 0;
-    quint16 key = 0;
-    bool coded = false;
-    quint32 bodySize = 0;
-    quint32 bodyDone = 0;
-    QByteArray* reference = nullptr;
-    QByteArray body;
-    std::unordered_map<quint16, QByteArray> references;
-    qint64 referenceBytes = 0;
-};
 
 // ---------------------------------------------------------------------------
 // Writing
@@ -298,7 +122,7 @@ bool CaptureWriterWorker::open(const QString& name, const Capture::Header& heade
 {
     close();
     QByteArray bytes(Magic, sizeof Magic);
-    appendLittleEndian16(bytes, FormatVersion);
+    appendLittleEndian16(bytes, Version);
     char time[8];
     qToLittleEndian<qint64>(header.startTime.toMSecsSinceEpoch(), time);
     bytes.append(time, 8);
@@ -306,11 +130,7 @@ bool CaptureWriterWorker::open(const QString& name, const Capture::Header& heade
     appendString(bytes, header.targetHost);
     appendString(bytes, header.profilerVersion);
     const TypeSet types = defaultDeltaTypes();
-    QByteArray mask(DeltaMaskSize, '\0');
-    for (int type = 0; type < 256; ++type)
-        if (types.test(size_t(type)))
-            mask[type / 8] = char(mask[type / 8] | (1 << (type % 8)));
-    bytes.append(mask);
+    bytes.append(deltaMask(types));
 
     file.setFileName(name);
     // Buffered: the header reaches the disk with the first flush, on the
@@ -344,6 +164,12 @@ bool CaptureWriterWorker::open(const QString& name, const Capture::Header& heade
 
 void CaptureWriterWorker::append(Capture::RecordKind kind, const QByteArray& bytes, qint64 timeUs, bool ownClock)
 {
+    // One socket read may pass the largest record; its bytes go in several.
+    if (bytes.size() > int(Capture::MaxRecordSize)) {
+        for (int offset = 0; offset < bytes.size(); offset += int(Capture::MaxRecordSize))
+            append(kind, bytes.mid(offset, int(Capture::MaxRecordSize)), timeUs, ownClock);
+        return;
+    }
     std::unique_lock<std::mutex> lock(mutex);
     if (!accepting)
         return;
@@ -678,8 +504,8 @@ bool CaptureReaderState::readHeader()
     const quint16 version = in.u16();
     if (!in.ok())
         return fail(in.position(), QStringLiteral("the format version runs past the end of the file"));
-    if (version != FormatVersion)
-        return fail(8, QStringLiteral("format version %1, this reader knows %2").arg(version).arg(FormatVersion));
+    if (version != Version)
+        return fail(8, QStringLiteral("format version %1, this reader knows %2").arg(version).arg(Version));
     const auto field = [&](int size, const char* what) {
         if (in.has(size))
             return true;
@@ -702,11 +528,7 @@ bool CaptureReaderState::readHeader()
     }
     if (!field(DeltaMaskSize, "delta-coded type set"))
         return false;
-    const char* mask = in.bytes(DeltaMaskSize);
-    TypeSet types;
-    for (int type = 0; type < 256; ++type)
-        types.set(size_t(type), (quint8(mask[type / 8]) >> (type % 8)) & 1);
-    delta.setTypes(types);
+    delta = StreamDelta(deltaTypesFromMask(in.bytes(DeltaMaskSize)));
     position = in.position();
     return device->seek(position) || fail(position, QStringLiteral("cannot seek: %1").arg(device->errorString()));
 }

@@ -236,7 +236,7 @@ private:
 void TestCaptureFile::initTestCase()
 {
     QVERIFY(dir.isValid());
-    framedRecords = demoSession(60, 4);
+    framedRecords = demoSession(10, 4);
     framedFile = writeCapture(dir.filePath("framed.tcap"), framedRecords);
     QCOMPARE(frameOffsets(framedFile).size(), 4);
 }
