@@ -295,7 +295,7 @@ void TestCaptureTool::recordsTheSimulatedGame_data()
     QTest::addColumn<qint64>("minDurationUs");
     QTest::addColumn<qint64>("maxDurationUs");
     QTest::newRow("until SIGINT") << QStringList() << 2000 << qint64(1500000) << qint64(4000000);
-    QTest::newRow("--duration 1") << QStringList{ "--duration", "1" } << -1 << qint64(1000000) << qint64(1500000);
+    QTest::newRow("--duration 1") << QStringList{ "--duration", "1" } << -1 << qint64(1000000) << qint64(3000000);
 }
 
 void TestCaptureTool::recordsTheSimulatedGame()
