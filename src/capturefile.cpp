@@ -19,6 +19,7 @@
 #include <thread>
 
 using namespace CaptureFormat;
+using Capture::MaxRecordSize;
 
 namespace
 {
@@ -108,6 +109,7 @@ private:
     std::thread thread;
 
     // Only the writer thread touches these once it runs.
+    QByteArray headerBytes;
     QFile file;
     ZSTD_CCtx* context;
     StreamDelta delta;
@@ -133,9 +135,9 @@ bool CaptureWriterWorker::open(const QString& name, const Capture::Header& heade
     bytes.append(deltaMask(types));
 
     file.setFileName(name);
-    // Buffered: the header reaches the disk with the first flush, on the
-    // writer thread, so a full disk is reported like any later write error.
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(bytes) != bytes.size()) {
+    // The header is written by the writer thread, so a full disk is
+    // reported like any later write error.
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
         std::lock_guard<std::mutex> lock(mutex);
         fileName = name;
         errorString = QStringLiteral("%1: %2").arg(name, file.errorString());
@@ -146,6 +148,7 @@ bool CaptureWriterWorker::open(const QString& name, const Capture::Header& heade
     fileName = name;
     errorString.clear();
     delta = StreamDelta(types);
+    headerBytes = bytes;
     frame.clear();
     queue.clear();
     queuedBytes = 0;
@@ -227,7 +230,7 @@ void CaptureWriterWorker::stopWithError(const QString& message)
 
 void CaptureWriterWorker::run()
 {
-    bool ok = writeOut(nullptr, 0);
+    bool ok = writeOut(headerBytes.constData(), headerBytes.size());
     std::deque<Capture::Record> batch;
     std::unique_lock<std::mutex> lock(mutex);
     while (ok) {
@@ -277,9 +280,9 @@ bool CaptureWriterWorker::writeBatch(std::deque<Capture::Record>& batch)
 bool CaptureWriterWorker::writeRecord(Capture::Record& record)
 {
     const qint64 encodedSize = record.bytes.size() + MaxRecordHeaderSize;
-    if (!frame.isEmpty() && (frame.size() + encodedSize > FrameRawTarget || record.timeUs - frameFirstUs >= FrameSpanUs))
-        if (!finishFrame())
-            return false;
+    const bool full = frame.size() + encodedSize > FrameRawTarget;
+    if (!frame.isEmpty() && (full || record.timeUs - frameFirstUs >= FrameSpanUs) && !finishFrame())
+        return false;
     if (frame.isEmpty()) {
         frameFirstUs = record.timeUs;
         frameAge.start();
@@ -321,11 +324,7 @@ bool CaptureWriterWorker::finishFrame()
     }
     qToLittleEndian<quint32>(quint32(size), compressed.data());
     qToLittleEndian<quint32>(quint32(frame.size()), compressed.data() + 4);
-    // Keep the buffer for the next frame, unless one huge record grew it.
-    if (frame.capacity() > 2 * FrameRawTarget)
-        frame = QByteArray();
-    else
-        frame.resize(0);
+    frame.clear();
     return writeOut(compressed.constData(), qint64(FramePrefixSize + size));
 }
 
@@ -333,11 +332,11 @@ bool CaptureWriterWorker::finishFrame()
 // starts: a crash then loses only the frame being filled.
 bool CaptureWriterWorker::writeOut(const char* data, qint64 size)
 {
-    if ((size > 0 && file.write(data, size) != size) || !file.flush()) {
+    if (file.write(data, size) != size || !file.flush()) {
         stopWithError(QStringLiteral("cannot write: %1").arg(file.errorString()));
         return false;
     }
-    storedBytes = file.pos();
+    storedBytes += size;
     return true;
 }
 
@@ -475,12 +474,8 @@ bool CaptureReaderState::start(QIODevice* source, const QString& fileName)
     position = 0;
     timeUs = 0;
     delta = StreamDelta();
-    if (!device->open(QIODevice::ReadOnly)) {
-        finished = true;
-        hasError = true;
-        errorString = QStringLiteral("%1: %2").arg(name, device->errorString());
-        return false;
-    }
+    if (!device->open(QIODevice::ReadOnly))
+        return fail(0, QStringLiteral("cannot open: %1").arg(device->errorString()));
     fileSize = device->size();
     return readHeader();
 }
@@ -567,9 +562,12 @@ bool CaptureReaderState::loadFrame()
         return false;
     }
     if (rawSize == 0 || rawSize > MaxFrameRawSize)
-        return fail(frameOffset, QStringLiteral("frame of %1 raw bytes (at most %2)").arg(rawSize).arg(MaxFrameRawSize));
+        return fail(frameOffset,
+                    QStringLiteral("frame of %1 raw bytes (at most %2)").arg(rawSize).arg(MaxFrameRawSize));
+    // No zstd frame of that content is larger.
     if (storedSize > ZSTD_compressBound(rawSize))
-        return fail(frameOffset, QStringLiteral("frame of %1 stored bytes for %2 raw bytes").arg(storedSize).arg(rawSize));
+        return fail(frameOffset,
+                    QStringLiteral("frame of %1 stored bytes for %2 raw bytes").arg(storedSize).arg(rawSize));
     if (storedSize > remaining - FramePrefixSize) {
         finished = true;
         truncated = true;
@@ -586,7 +584,9 @@ bool CaptureReaderState::loadFrame()
 
 bool CaptureReaderState::decompressFrame(const QByteArray& stored, quint32 rawSize)
 {
-    const auto damaged = [this](const QString& what) { return fail(frameOffset, QStringLiteral("damaged frame: ") + what); };
+    const auto damaged = [this](const QString& what) {
+        return fail(frameOffset, QStringLiteral("damaged frame: ") + what);
+    };
     // A zstd frame: its magic number, then a descriptor whose bit 2 says it
     // ends with a checksum of its content.
     if (stored.size() < 5 || qFromLittleEndian<quint32>(stored.constData()) != ZSTD_MAGICNUMBER
@@ -597,10 +597,10 @@ bool CaptureReaderState::decompressFrame(const QByteArray& stored, quint32 rawSi
     if (ZSTD_findFrameCompressedSize(stored.constData(), size_t(stored.size())) != size_t(stored.size()))
         return damaged(QStringLiteral("its length disagrees with the frame prefix"));
     frame.resize(int(rawSize));
-    const size_t size = ZSTD_decompressDCtx(context, frame.data(), rawSize, stored.constData(), size_t(stored.size()));
+    const size_t size = ZSTD_decompressDCtx(context, frame.data(), rawSize, stored.constData(), stored.size());
     if (ZSTD_isError(size) || size != rawSize) {
         frame.clear();
-        return damaged(ZSTD_isError(size) ? QString::fromLatin1(ZSTD_getErrorName(size)) : QStringLiteral("short content"));
+        return damaged(ZSTD_isError(size) ? QLatin1String(ZSTD_getErrorName(size)) : QLatin1String("short content"));
     }
     return true;
 }
@@ -634,7 +634,7 @@ bool CaptureReaderState::readRecord(Capture::Record& record)
     if (timeDelta > quint64(std::numeric_limits<qint64>::max() - timeUs))
         return fail(frameOffset, QStringLiteral("record time out of range"));
     if (length > Capture::MaxRecordSize)
-        return fail(frameOffset, QStringLiteral("record of %1 bytes (at most %2)").arg(length).arg(Capture::MaxRecordSize));
+        return fail(frameOffset, QStringLiteral("record of %1 bytes (at most %2)").arg(length).arg(MaxRecordSize));
     if (length > quint64(frame.size() - framePosition))
         return fail(frameOffset, QStringLiteral("record of %1 bytes runs past the end of its frame").arg(length));
     timeUs += qint64(timeDelta);
