@@ -250,10 +250,16 @@ LineGraph::LineGraph(QWidget* parent, Qt::WindowFlags f)
 {
     maximumLabel->setColor(QColor(Qt::white));
     minimumLabel->setColor(QColor(Qt::white));
+    // In a narrow window the legend keeps its figures and the scale is cut
+    // short at the right instead.
+    maximumLabel->setElideMode(Qt::ElideRight);
+    minimumLabel->setElideMode(Qt::ElideRight);
 
-    labelLayout->addWidget(maximumLabel);
+    // Aligned, each label is as wide as its own text: stretched to the
+    // column's width, the shorter one would cap the longer one.
+    labelLayout->addWidget(maximumLabel, 0, Qt::AlignLeft);
     labelLayout->addStretch();
-    labelLayout->addWidget(minimumLabel);
+    labelLayout->addWidget(minimumLabel, 0, Qt::AlignLeft);
     labelLayout->setContentsMargins(3, 1, 3, 1);
 
     mainLayout->addLayout(labelLayout);
@@ -314,7 +320,13 @@ void LineGraph::paintEvent(QPaintEvent*)
     QPainter painter(this);
     // Refreshed here rather than on every maximum change, so the labels
     // always match the scales of the curves being drawn.
+    const QSize maximumSize = maximumLabel->maximumSize();
+    const QSize minimumSize = minimumLabel->maximumSize();
     updateMinMaxLabels();
+    // A label whose text changed size would otherwise be drawn where its old
+    // text was, or not at all, until the layout catches up a pass later.
+    if (maximumLabel->maximumSize() != maximumSize || minimumLabel->maximumSize() != minimumSize)
+        mainLayout->activate();
     painter.setRenderHint(QPainter::Antialiasing);
     for (LineValuesGroup* group : qAsConst(groups))
         group->paint(painter, size());

@@ -14,6 +14,13 @@
 #include <QTabWidget>
 #include <QVBoxLayout>
 
+namespace
+{
+
+const int LegendRowSpacing = 2;
+
+} // namespace
+
 LineGraphLegendItem::LineGraphLegendItem(QWidget* parent, Qt::WindowFlags f)
     : QWidget(parent, f)
     , activeCheckBox(new QCheckBox())
@@ -32,6 +39,9 @@ LineGraphLegendItem::LineGraphLegendItem(QWidget* parent, Qt::WindowFlags f)
     layout->addWidget(activeCheckBox);
     layout->addStretch();
     layout->addWidget(valueLabel);
+    // Long figures give way before the window does: squeezed, the row cuts
+    // them at the right and keeps the current value.
+    valueLabel->setElideMode(Qt::ElideRight);
     setLayout(layout);
 }
 
@@ -325,6 +335,9 @@ void LineGraphControl::setUpPage(LineValuesGroup* group, const QList<LineGraphLe
     pageLayout->addStretch();
     pageLayout->addLayout(maxLayout);
     pageLayout->setContentsMargins(10, 10, 10, 10);
+    // Rows read as one list, and the Codec tab's seven still fit beside a
+    // network view that gets most of a small window's height.
+    pageLayout->setSpacing(LegendRowSpacing);
     page->setLayout(pageLayout);
 }
 

@@ -2,6 +2,7 @@
 
 #include "dspnetgraph.h"
 #include "dspnettree.h"
+#include "flowlayout.h"
 
 #include <QCheckBox>
 #include <QDir>
@@ -54,6 +55,8 @@ bool isVerticalWheel(const QWheelEvent* event)
     return qAbs(angle.x()) <= qAbs(angle.y());
 }
 
+const int MinimumHighlightWidth = 120;
+
 } // namespace
 
 ProfilerDSPNetGraph::ProfilerDSPNetGraph(DSPTree* tree, QWidget* parent, Qt::WindowFlags flags)
@@ -86,7 +89,9 @@ void ProfilerDSPNetGraph::createWidgets()
     showGuidsCheckBox = new QCheckBox;
     showSendsCheckBox = new QCheckBox;
     showLegendCheckBox = new QCheckBox;
-    showLayout = new QHBoxLayout;
+    // The option rows wrap when the window is narrow, each into at most two
+    // rows, so that they never turn into a tall column.
+    showLayout = new FlowLayout(2);
     showGroupBox = new QGroupBox;
     lowLabel = new QLabel;
     minCPUSpinBox = new QSpinBox;
@@ -96,7 +101,7 @@ void ProfilerDSPNetGraph::createWidgets()
     cpuLayout = new QHBoxLayout;
     cpuGroupBox = new QGroupBox;
     captureButton = new QPushButton;
-    bottomLayout = new QHBoxLayout;
+    bottomLayout = new FlowLayout(2);
     mainLayout = new QVBoxLayout;
     highlightLabel = new QLabel;
     highlightEdit = new QLineEdit;
@@ -225,6 +230,8 @@ void ProfilerDSPNetGraph::setUpBottomBar()
 {
     captureButton->setText(QStringLiteral("Screen Capture"));
     highlightLabel->setText(QStringLiteral("Hightlight:"));
+    // Room for a unit name or a command, however the row is squeezed.
+    highlightEdit->setMinimumWidth(MinimumHighlightWidth);
     bottomLayout->addWidget(showGroupBox);
     bottomLayout->addWidget(cpuGroupBox);
     bottomLayout->addStretch();

@@ -14,9 +14,45 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
+#include <QPainter>
 #include <QPushButton>
 #include <QSplitter>
+#include <QStyle>
 #include <QVBoxLayout>
+
+namespace
+{
+
+// The status line gives way to the connection fields: a text too long for
+// the room left is cut with an ellipsis instead of widening the window. The
+// label keeps the whole text, and shows it as a tool tip when cut.
+class StatusLabel : public QLabel
+{
+public:
+    QSize minimumSizeHint() const override
+    {
+        QSize size = QLabel::minimumSizeHint();
+        size.setWidth(qMin(size.width(), fontMetrics().horizontalAdvance(QStringLiteral("Disconnected."))));
+        return size;
+    }
+
+protected:
+    void paintEvent(QPaintEvent* event) override
+    {
+        const QRect area = contentsRect();
+        const bool cut = fontMetrics().horizontalAdvance(text()) > area.width();
+        setToolTip(cut ? text() : QString());
+        if (!cut) {
+            QLabel::paintEvent(event);
+            return;
+        }
+        QPainter painter(this);
+        const QString shown = fontMetrics().elidedText(text(), Qt::ElideRight, area.width());
+        style()->drawItemText(&painter, area, int(alignment()), palette(), isEnabled(), shown, foregroundRole());
+    }
+};
+
+} // namespace
 
 ProfilerForm::ProfilerForm(QWidget* parent, Qt::WindowFlags flags)
     : QWidget(parent, flags)
@@ -33,7 +69,7 @@ ProfilerForm::ProfilerForm(QWidget* parent, Qt::WindowFlags flags)
     uiConnected = false;
 
     statusCaptionLabel = new QLabel();
-    statusLabel = new QLabel();
+    statusLabel = new StatusLabel();
     ipLabel = new QLabel();
     ipEdit = new QLineEdit();
     portLabel = new QLabel();

@@ -23,12 +23,29 @@ void ProfilerSimpleLabel::setText(const QString& newText)
     if (newText == text)
         return;
     text = newText;
-    // Fixing both bounds keeps layouts from giving the label more or less
-    // room than the text needs.
-    const QSize textSize = QFontMetrics(font()).size(0, text);
-    setMinimumSize(textSize);
-    setMaximumSize(textSize);
+    updateSizeBounds();
     update();
+}
+
+// Fixing both bounds keeps layouts from giving the label more or less room
+// than the text needs. A label that elides may shrink to its first word and
+// an ellipsis.
+void ProfilerSimpleLabel::updateSizeBounds()
+{
+    const QFontMetrics metrics(font());
+    const QSize textSize = metrics.size(0, text);
+    QSize smallest = textSize;
+    if (elideMode != Qt::ElideNone) {
+        const QString firstWord = text.section(QLatin1Char(' '), 0, 0, QString::SectionSkipEmpty);
+        smallest.setWidth(qMin(textSize.width(), metrics.horizontalAdvance(firstWord + QChar(0x2026))));
+    }
+    setMinimumSize(smallest);
+    setMaximumSize(textSize);
+}
+
+QSize ProfilerSimpleLabel::sizeHint() const
+{
+    return maximumSize();
 }
 
 QColor ProfilerSimpleLabel::getColor() const
@@ -67,6 +84,7 @@ void ProfilerSimpleLabel::setElideMode(Qt::TextElideMode newElideMode)
     if (newElideMode == elideMode)
         return;
     elideMode = newElideMode;
+    updateSizeBounds();
     update();
 }
 
@@ -74,8 +92,11 @@ void ProfilerSimpleLabel::paintEvent(QPaintEvent* event)
 {
     QPainter painter(this);
     QString shownText = text;
-    if (elideMode != Qt::ElideNone)
-        shownText = QFontMetrics(font()).elidedText(text, elideMode, width());
+    // Only a label squeezed below its text's size elides: the eliding
+    // measure rounds differently and would cut a text that fits exactly.
+    const QFontMetrics metrics(font());
+    if (elideMode != Qt::ElideNone && width() < metrics.size(0, text).width())
+        shownText = metrics.elidedText(text, elideMode, width());
     painter.setPen(color);
     painter.drawText(rect(), int(alignment), shownText);
     painter.end();

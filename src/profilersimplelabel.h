@@ -23,11 +23,15 @@ public:
     void setAlignment(Qt::Alignment newAlignment);
     Qt::TextElideMode getElideMode() const;
     void setElideMode(Qt::TextElideMode newElideMode);
+    // The whole text's size, which an eliding label may be squeezed below.
+    QSize sizeHint() const override;
 
 protected:
     void paintEvent(QPaintEvent* event) override;
 
 private:
+    void updateSizeBounds();
+
     QString text;
     QColor color;
     Qt::Alignment alignment;

@@ -54,6 +54,7 @@ class TestCustomWidgets : public QObject
 
 private slots:
     void label();
+    void elidingLabel();
     void buttonPicksImageForState_data();
     void buttonPicksImageForState();
     void buttonHitRect();
@@ -108,6 +109,28 @@ void TestCustomWidgets::label()
     const QSize expected = QFontMetrics(bigFont).size(0, "Other text");
     QCOMPARE(label.minimumSize(), expected);
     QCOMPARE(label.maximumSize(), expected);
+}
+
+// An eliding label may be squeezed to its first word, and cuts its text only
+// when it has less room than the whole text needs.
+void TestCustomWidgets::elidingLabel()
+{
+    const QString text = QStringLiteral("37.73% / 87 channel(s) / 47 codec(s) / 66.5 MB");
+    ProfilerSimpleLabel plain;
+    plain.setText(text);
+    ProfilerSimpleLabel eliding;
+    eliding.setElideMode(Qt::ElideRight);
+    eliding.setText(text);
+    const QFontMetrics metrics(eliding.font());
+    QCOMPARE(eliding.maximumSize(), plain.maximumSize());
+    QCOMPARE(eliding.sizeHint(), metrics.size(0, text));
+    QCOMPARE(eliding.minimumWidth(), metrics.horizontalAdvance(QStringLiteral("37.73%") + QChar(0x2026)));
+
+    eliding.resize(plain.size());
+    QCOMPARE(eliding.grab().toImage(), plain.grab().toImage());
+    eliding.resize(plain.width() / 2, plain.height());
+    plain.resize(eliding.size());
+    QVERIFY(eliding.grab().toImage() != plain.grab().toImage());
 }
 
 void TestCustomWidgets::buttonPicksImageForState_data()

@@ -1,5 +1,7 @@
 // Takes the README's pictures: the whole window running against the
-// simulated target, with every tab's rows ticked and a unit selected.
+// simulated target with every tab's rows ticked, first at the size it opens
+// with, then larger with every display option on. Run it on a real X server
+// (xcb under Xvfb) for a desktop's fonts.
 // Usage: tarn-screenshot OUTPUT_FOLDER
 #include "dspnetgraph.h"
 #include "linegraphcontrol.h"
@@ -41,6 +43,10 @@ void showOption(MainForm& window, const QString& text)
 
 bool save(QWidget* widget, const QString& path)
 {
+    // The graph's scale labels take their texts while it paints, and a
+    // grab paints the labels before their new sizes show: grab once to
+    // settle them, then keep the second.
+    widget->grab();
     const bool saved = widget->grab().save(path);
     qInfo("%s %s", saved ? "wrote" : "could not write", qPrintable(path));
     return saved;
@@ -61,19 +67,22 @@ int main(int argc, char** argv)
         qFatal("cannot listen: %s", qPrintable(target.getErrorString()));
 
     MainForm window;
-    window.resize(1280, 1000);
+    window.resize(800, 600);
     window.setWindowTitle(QStringLiteral("TARN Profiler"));
     window.show();
     window.findChild<QLineEdit*>(QStringLiteral("portEdit"))->setText(QString::number(target.getPort()));
     window.findChild<QPushButton*>(QStringLiteral("connectButton"))->click();
 
     tickEveryRow(window);
+    runFor(15000);
+    bool ok = save(&window, folder + QStringLiteral("/profiler-window.png"));
+
+    window.resize(1400, 1000);
     showOption(window, QStringLiteral("CPU Usage"));
     showOption(window, QStringLiteral("Volume"));
     showOption(window, QStringLiteral("Legend"));
-    runFor(20000);
-
-    bool ok = save(&window, folder + QStringLiteral("/profiler-window.png"));
+    runFor(5000);
+    ok = save(&window, folder + QStringLiteral("/profiler-window-large.png")) && ok;
     auto* tabs = window.findChild<QTabWidget*>();
     const char* names[] = { "cpu", "channel", "codec", "memory" };
     for (int tab = 1; tabs && tab < tabs->count(); ++tab) {

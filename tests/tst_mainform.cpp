@@ -1,0 +1,232 @@
+// The window at the size it opens with, on the platform's own default font:
+// it must not ask for more room, and every control must be whole and usable.
+// Run on offscreen and, under Xvfb, on xcb, whose fonts differ.
+#include "linegraph.h"
+#include "linegraphcontrol.h"
+#include "mainform.h"
+#include "profilerdspnetgraph.h"
+#include "profilerform.h"
+#include "profilersimplelabel.h"
+
+#include <QAbstractButton>
+#include <QGroupBox>
+#include <QLabel>
+#include <QLineEdit>
+#include <QScrollArea>
+#include <QSpinBox>
+#include <QSplitter>
+#include <QTabBar>
+#include <QTabWidget>
+#include <QTest>
+
+namespace
+{
+
+const QSize DefaultSize(800, 600);
+
+void showAt(MainForm& window, QSize size)
+{
+    window.resize(size);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    QTest::qWait(50);
+}
+
+// The part of a widget that its ancestors, up to the window, let through.
+QRect visiblePart(const QWidget* widget)
+{
+    QRect visible(widget->mapTo(widget->window(), QPoint(0, 0)), widget->size());
+    for (const QWidget* ancestor = widget->parentWidget(); ancestor; ancestor = ancestor->parentWidget()) {
+        const QRect area(ancestor->mapTo(widget->window(), QPoint(0, 0)), ancestor->size());
+        visible &= area;
+        if (ancestor->isWindow())
+            break;
+    }
+    return visible;
+}
+
+// Every control a user reaches on the current tab, with what is wrong with it.
+QStringList cutControls(const MainForm& window)
+{
+    QStringList problems;
+    const QList<QWidget*> widgets = window.findChildren<QWidget*>();
+    for (const QWidget* widget : widgets) {
+        const bool control = qobject_cast<const QAbstractButton*>(widget) || qobject_cast<const QLineEdit*>(widget)
+            || qobject_cast<const QAbstractSpinBox*>(widget) || qobject_cast<const QLabel*>(widget)
+            || qobject_cast<const QTabBar*>(widget) || dynamic_cast<const ProfilerSimpleLabel*>(widget);
+        // The tab bar's own scroll arrows are the bar's business.
+        if (!control || !widget->isVisibleTo(&window) || qobject_cast<const QTabBar*>(widget->parentWidget()))
+            continue;
+        const QString name = QStringLiteral("%1 \"%2\"").arg(QString::fromLatin1(widget->metaObject()->className()),
+                                                            widget->property("text").toString());
+        if (widget->width() <= 0 || widget->height() <= 0)
+            problems << name + QStringLiteral(" has no size");
+        else if (visiblePart(widget).size() != widget->size())
+            problems << name + QStringLiteral(" is cut off (%1,%2 %3x%4 in %5)").arg(widget->x()).arg(widget->y()).arg(widget->width()).arg(widget->height()).arg(QString::fromLatin1(widget->parentWidget()->metaObject()->className()));
+        if (widget->width() < widget->minimumSizeHint().width() && !dynamic_cast<const ProfilerSimpleLabel*>(widget)
+            && !qobject_cast<const QLabel*>(widget))
+            problems << name + QStringLiteral(" is squeezed below its minimum");
+    }
+    return problems;
+}
+
+// The light labels have no meta-object of their own to search by.
+QList<ProfilerSimpleLabel*> simpleLabels(const QWidget* parent)
+{
+    QList<ProfilerSimpleLabel*> labels;
+    for (QFrame* frame : parent->findChildren<QFrame*>()) {
+        if (auto* label = dynamic_cast<ProfilerSimpleLabel*>(frame))
+            labels << label;
+    }
+    return labels;
+}
+
+// Large but real figures for each tab: a CPU share, a count, megabytes.
+void fillLegends(MainForm& window)
+{
+    for (LineGraphLegendItem* row : window.findChildren<LineGraphLegendItem*>()) {
+        const bool share = row->getDisplayUnit() == QLatin1String("%");
+        const bool count = row->getDisplayPrecision() == 0;
+        row->setMinimum(0.5f);
+        row->setAverage(share ? 12.34f : count ? 1024.0f : 123.456f);
+        row->setMaximum(share ? 87.65f : count ? 2048.0f : 2048.125f);
+        row->setCapacity(share ? 100.0f : 4096.0f);
+    }
+}
+
+QStringList elidedFigures(const MainForm& window, QTabWidget* tabs)
+{
+    QStringList problems;
+    for (const LineGraphLegendItem* row : window.findChildren<LineGraphLegendItem*>()) {
+        if (!row->isVisibleTo(&window) || !tabs->currentWidget()->isAncestorOf(row))
+            continue;
+        const ProfilerSimpleLabel* figures = simpleLabels(row).first();
+        if (figures->width() < figures->fontMetrics().size(0, figures->getText()).width())
+            problems << row->getText() + QStringLiteral(": ") + figures->getText();
+    }
+    return problems;
+}
+
+} // namespace
+
+class TestMainForm : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void opensAtDefaultSizeWithEveryControlWhole();
+    void longStatusTextDoesNotWidenTheWindow();
+    void wideWindowKeepsOneOptionRow();
+    void scaleLabelsOnFirstPaint();
+};
+
+void TestMainForm::opensAtDefaultSizeWithEveryControlWhole()
+{
+    MainForm window;
+    showAt(window, DefaultSize);
+    QVERIFY2(window.minimumSizeHint().width() <= DefaultSize.width()
+                 && window.minimumSizeHint().height() <= DefaultSize.height(),
+             qPrintable(QStringLiteral("minimum %1x%2").arg(window.minimumSizeHint().width()).arg(window.minimumSizeHint().height())));
+    QCOMPARE(window.size(), DefaultSize);
+
+    auto* edit = window.findChildren<QLineEdit*>().last();
+    QVERIFY(edit->objectName().isEmpty()); // the highlight edit, not the IP or port field
+    QVERIFY2(edit->width() >= 120, qPrintable(QString::number(edit->width())));
+
+    // The network view is the main view: its panel gets more height than the
+    // graphs, which get no more than their tallest legend needs.
+    auto* network = window.findChild<ProfilerDSPNetGraph*>();
+    auto* graphs = window.findChild<ProfilerLineGraph*>();
+    QVERIFY2(network->height() > graphs->height(),
+             qPrintable(QStringLiteral("%1 vs %2").arg(network->height()).arg(graphs->height())));
+    QCOMPARE(graphs->height(), graphs->minimumSizeHint().height());
+
+    fillLegends(window);
+    auto* tabs = window.findChild<QTabWidget*>();
+    for (int tab = 0; tab < tabs->count(); ++tab) {
+        tabs->setCurrentIndex(tab);
+        QTest::qWait(20);
+        const QStringList cut = cutControls(window);
+        QVERIFY2(cut.isEmpty(), qPrintable(tabs->tabText(tab) + QStringLiteral(": ") + cut.join(QStringLiteral("; "))));
+        const QStringList elided = elidedFigures(window, tabs);
+        QVERIFY2(elided.isEmpty(), qPrintable(elided.join(QStringLiteral("; "))));
+    }
+}
+
+void TestMainForm::longStatusTextDoesNotWidenTheWindow()
+{
+    MainForm window;
+    showAt(window, DefaultSize);
+    const QString text = QStringLiteral("Connected. (Incompatible version detected, reduced functionality) "
+                                        "Connected. (Old version detected, reduced functionality)");
+    window.profilerForm->slotStatusChanged(text);
+    QTest::qWait(50);
+    QCOMPARE(window.size(), DefaultSize);
+    QVERIFY(window.minimumSizeHint().width() <= DefaultSize.width());
+    auto* status = window.findChild<QLabel*>(QStringLiteral("statusLabel"));
+    QCOMPARE(status->text(), text);
+    const QStringList cut = cutControls(window);
+    QVERIFY2(cut.isEmpty(), qPrintable(cut.join(QStringLiteral("; "))));
+}
+
+void TestMainForm::wideWindowKeepsOneOptionRow()
+{
+    MainForm window;
+    showAt(window, QSize(1900, 900));
+    const QList<QGroupBox*> boxes = window.findChildren<QGroupBox*>();
+    QCOMPARE(boxes.size(), 2);
+    auto* capture = window.findChildren<QAbstractButton*>().constLast();
+    const int row = boxes.first()->geometry().center().y();
+    QCOMPARE(boxes.last()->geometry().center().y(), row);
+    QVERIFY(qAbs(capture->mapTo(boxes.first()->parentWidget(), QPoint(0, capture->height() / 2)).y() - row) <= 1);
+    // Its "Show" boxes stay in one row too.
+    const QList<QAbstractButton*> shows = boxes.first()->findChildren<QAbstractButton*>();
+    QCOMPARE(shows.size(), 8);
+    for (const QAbstractButton* box : shows)
+        QCOMPARE(box->y(), shows.first()->y());
+
+    // Narrower, the same widgets wrap in the same order and none is lost.
+    window.resize(DefaultSize);
+    QTest::qWait(50);
+    QVERIFY(boxes.last()->y() > boxes.first()->y());
+    const QStringList cut = cutControls(window);
+    QVERIFY2(cut.isEmpty(), qPrintable(cut.join(QStringLiteral("; "))));
+}
+
+// The labels get their texts while the graph paints; they must be in place
+// in that same paint, not one pass later.
+void TestMainForm::scaleLabelsOnFirstPaint()
+{
+    MainForm window;
+    window.resize(DefaultSize);
+    auto* graph = window.findChild<LineGraph*>();
+    window.show();
+    const QImage picture = graph->grab().toImage();
+    const QList<ProfilerSimpleLabel*> labels = simpleLabels(graph);
+    QCOMPARE(labels.size(), 2);
+    for (const ProfilerSimpleLabel* label : labels) {
+        QVERIFY(!label->getText().isEmpty());
+        QCOMPARE(label->height(), label->fontMetrics().height());
+        // White text is drawn where the label now sits.
+        const QRect area = label->geometry() & picture.rect();
+        int white = 0;
+        for (int y = area.top(); y <= area.bottom(); ++y) {
+            for (int x = area.left(); x <= area.right(); ++x)
+                white += qGray(picture.pixel(x, y)) > 200;
+        }
+        QVERIFY2(white > 20, qPrintable(label->getText()));
+    }
+
+    // With room to spare, a scale longer than the other keeps its whole text.
+    LineGraph wide;
+    wide.addGroup(QStringLiteral("CPU"), QStringLiteral("%"), 2)->setMaximum(37.5f);
+    wide.addGroup(QStringLiteral("Memory"), QStringLiteral(" MB"), 3)->setMaximum(2048.125f);
+    wide.resize(900, 200);
+    wide.show();
+    wide.grab();
+    for (const ProfilerSimpleLabel* label : simpleLabels(&wide))
+        QCOMPARE(label->width(), label->fontMetrics().size(0, label->getText()).width());
+}
+
+QTEST_MAIN(TestMainForm)
+#include "tst_mainform.moc"
