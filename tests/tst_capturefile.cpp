@@ -232,7 +232,8 @@ void TestCaptureFile::initTestCase()
     QVERIFY(dir.isValid());
     framedRecords = demoSession(10, 4);
     framedFile = writeCapture(dir.filePath("framed.tcap"), framedRecords);
-    QCOMPARE(frameOffsets(framedFile).size(), 4);
+    // One frame a second of record time, more if the machine stalls.
+    QVERIFY(frameOffsets(framedFile).size() >= 4);
 }
 
 void TestCaptureFile::roundTrip_data()
@@ -306,7 +307,8 @@ void TestCaptureFile::cutAtEveryOffsetReadsWholeFrames()
 {
     const ReadResult whole = readData(framedFile);
     QVERIFY(whole.records == framedRecords);
-    for (qint64 cut = frameOffsets(framedFile).at(2); cut < framedFile.size(); ++cut) {
+    const QVector<qint64> frames = frameOffsets(framedFile);
+    for (qint64 cut = frames.at(frames.size() - 2); cut < framedFile.size(); ++cut) {
         const ReadResult result = readData(framedFile.left(int(cut)));
         const QString where = QStringLiteral("cut at %1: %2").arg(cut).arg(result.errorString);
         QVERIFY2(!result.error && result.truncated, qPrintable(where));
@@ -343,8 +345,8 @@ void TestCaptureFile::damageIsReportedWithItsOffset_data()
     row("other version", changed(8, "\x02"), 8, "format version 2, this reader knows 1", 0);
     row("cut in the address", framedFile.left(26), 22, pastEnd.arg("target address"), 0);
     row("flipped content", flipped(frame + 8 + stored / 2), frame, damaged, before);
-    row("flipped checksum", flipped(framedFile.size() - 9), frameOffsets(framedFile).at(3),
-        damaged + "Restored data doesn't match checksum", whole.recordsBefore(frameOffsets(framedFile).at(3)));
+    row("flipped checksum", flipped(framedFile.size() - 9), frameOffsets(framedFile).last(),
+        damaged + "Restored data doesn't match checksum", whole.recordsBefore(frameOffsets(framedFile).last()));
     row("raw size past the bound", changed(frame + 4, le32(Capture::MaxRecordSize + 17)), frame,
         "frame of 67108881 raw bytes (at most 67108880)", before);
     row("raw size one more", changed(frame + 4, le32(raw + 1)), frame,
