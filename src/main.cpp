@@ -5,8 +5,24 @@
 
 #include <cstdio>
 
+// Help and version are answered before the toolkit looks for a display,
+// so they work on a machine without one. Anything else, including the
+// toolkit's own options, waits for the real application object.
+bool answeredWithoutDisplay(int argc, char** argv)
+{
+    QCoreApplication commandLine(argc, argv);
+    ProfilerOptions options;
+    QString message;
+    if (ProfilerSession::parse(QCoreApplication::arguments(), &options, &message) != ProfilerSession::ExitSuccess)
+        return false;
+    std::fputs(qPrintable(message), stdout);
+    return true;
+}
+
 int main(int argc, char** argv)
 {
+    if (answeredWithoutDisplay(argc, argv))
+        return 0;
     QApplication application(argc, argv);
     ProfilerOptions options;
     QString message;
