@@ -1,6 +1,7 @@
 #ifndef DSPNETGRAPH_H
 #define DSPNETGRAPH_H
 
+#include "dspnetgraphindex.h"
 #include "dspnettree.h"
 #include "passtable.h"
 
@@ -259,6 +260,31 @@ private:
         QPoint position;
     };
     SelectionSearch laidSelection = { NoSelection, NoSelection, nullptr, QPoint() };
+
+    // Painting index (dspnetgraphrender.cpp): a paint looks up what meets
+    // the exposed area instead of visiting the whole layout. Rebuilt at the
+    // end of every layout pass, in place or not, since an update in place
+    // may change how many meters, and so how wide, a unit is.
+    void indexForPainting();
+    const std::vector<int>& paintCandidates(const DSPNetGraphBoxIndex& index, int count,
+                                            const QRectF& area);
+    DSPNetGraphBoxIndex unitIndex;
+    DSPNetGraphBoxIndex standardLineIndex;
+    DSPNetGraphBoxIndex sidechainLineIndex;
+    DSPNetGraphBoxIndex sendSidechainLineIndex;
+    DSPNetGraphBoxIndex sendLineIndex;
+    DSPNetGraphBoxIndex groupBoxIndex;
+    DSPNetGraphBoxIndex markerIndex;
+    // The most characters a group box's texts have: their width is known
+    // only from the painter's font.
+    int groupTextLength = 0;
+    // The exposed area of the running paint in logical coordinates, with
+    // room for the margins of every test; null when nothing is clipped.
+    QRectF paintArea;
+    std::vector<int> paintFound;
+    // Off, every item is visited and tested: the reference the index must match.
+    bool paintIndexed = true;
+    friend class TestPerformanceEquivalence;
 
     QPen textPen;
     QPen greyPen;

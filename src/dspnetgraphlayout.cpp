@@ -110,6 +110,7 @@ void DSPNetGraph::slotProcessTree()
         updateLayoutInPlace();
     else
         layOutTree();
+    indexForPainting();
     updateWidgetSize(false);
     updateSelectedNode();
     refresh();

@@ -1,9 +1,13 @@
 #include "dspnetgraph.h"
 
+#include "prefetch.h"
+
 #include <QBrush>
 #include <QPaintEvent>
 #include <QFontMetricsF>
 #include <QPainter>
+
+#include <numeric>
 
 namespace
 {
@@ -68,13 +72,24 @@ QRectF lineBounds(const QLine& line)
 }
 
 void drawLines(QPainter* painter, const QPen& pen, const QVector<QLine>& lines,
-               const QRectF& visible)
+               const std::vector<int>& candidates, const QRectF& visible)
 {
     painter->setPen(pen);
-    for (const QLine& line : lines) {
+    for (int i : candidates) {
+        const QLine& line = lines.at(i);
         if (inView(visible, lineBounds(line)))
             painter->drawLine(line);
     }
+}
+
+void indexLines(DSPNetGraphBoxIndex* index, const QVector<QLine>& lines)
+{
+    index->start(lines.size());
+    for (const QLine& line : lines) {
+        index->add(qMin(line.x1(), line.x2()), qMin(line.y1(), line.y2()), qMax(line.x1(), line.x2()),
+                   qMax(line.y1(), line.y2()));
+    }
+    index->finish();
 }
 
 void drawLegendRow(QPainter* painter, int y, const QPen& pen, const QPen& textPen,
@@ -124,6 +139,10 @@ void DSPNetGraph::renderTree(QPainter* painter, bool forImage)
 {
     const QRectF visible = painter->hasClipping() ? painter->clipBoundingRect() : QRectF();
     const QRectF logicalVisible(visible.topLeft() / scale, visible.size() / scale);
+    // Room for the widest margin any test below adds, in device (scaled)
+    // or logical coordinates, and for the rounding of scaled send lines.
+    const qreal room = (CullMargin + 1) / scale + CullMargin + 1;
+    paintArea = visible.isNull() ? QRectF() : logicalVisible.adjusted(-room, -room, room, room);
     painter->setRenderHint(QPainter::Antialiasing);
     painter->setRenderHint(QPainter::TextAntialiasing);
     if (showSends)
@@ -145,7 +164,8 @@ void DSPNetGraph::renderTree(QPainter* painter, bool forImage)
 void DSPNetGraph::drawSendLines(QPainter* painter, const QRectF& visible)
 {
     painter->setPen(sendPen);
-    for (const QLine& line : qAsConst(sendLines)) {
+    for (int i : paintCandidates(sendLineIndex, sendLines.size(), paintArea)) {
+        const QLine& line = sendLines.at(i);
         const QLine scaled(qRound(line.x1() * scale), qRound(line.y1() * scale),
                            qRound(line.x2() * scale), qRound(line.y2() * scale));
         if (!inView(visible, lineBounds(scaled)))
@@ -159,7 +179,8 @@ void DSPNetGraph::drawSendLines(QPainter* painter, const QRectF& visible)
 
 void DSPNetGraph::drawNodes(QPainter* painter, const QRectF& visible)
 {
-    for (const DSPNetGraphicalNode& node : qAsConst(nodeList)) {
+    for (int i : paintCandidates(unitIndex, nodeList.size(), paintArea)) {
+        const DSPNetGraphicalNode& node = nodeList.at(i);
         const QRectF bounds = nodeBounds(node);
         const QRectF scaled(bounds.topLeft() * scale, bounds.size() * scale);
         if (inView(visible, scaled.adjusted(-CullMargin, -CullMargin, CullMargin, CullMargin)))
@@ -211,7 +232,13 @@ void DSPNetGraph::drawLevelMeters(QPainter* painter, const DSPNetGraphicalNode& 
 void DSPNetGraph::drawGroupBoxes(QPainter* painter, bool forImage, const QRectF& visible)
 {
     const QFontMetricsF metrics(painter->font());
-    for (const DSPGroupGraphicalNode& group : qAsConst(groupList)) {
+    // The index knows the boxes, not how far their texts reach in this font.
+    const qreal textReach = groupTextLength * metrics.maxWidth() / scale;
+    const qreal textHeight = metrics.height() / scale;
+    const QRectF area = paintArea.isNull() ? QRectF()
+                                           : paintArea.adjusted(-textReach, -textHeight, 0, textHeight);
+    for (int i : paintCandidates(groupBoxIndex, groupList.size(), area)) {
+        const DSPGroupGraphicalNode& group = groupList.at(i);
         if (!visible.isNull()) {
             const QRectF box(group.rect.x() * scale, group.rect.y() * scale, group.rect.width() * scale,
                              group.rect.height() * scale);
@@ -266,7 +293,8 @@ void DSPNetGraph::drawNodeTexts(QPainter* painter, const QRectF& visible)
 {
     const int flags = Qt::AlignHCenter | Qt::AlignVCenter | Qt::TextWordWrap;
     painter->setFont(nodeFont);
-    for (const DSPNetGraphicalNode& node : qAsConst(nodeList)) {
+    for (int i : paintCandidates(unitIndex, nodeList.size(), paintArea)) {
+        const DSPNetGraphicalNode& node = nodeList.at(i);
         if (!inView(visible, QRectF(node.position, QSizeF(120, 45)).adjusted(-1, -1, 1, 1)))
             continue;
         QString text = node.name;
@@ -283,11 +311,17 @@ void DSPNetGraph::drawNodeTexts(QPainter* painter, const QRectF& visible)
     }
 }
 
+// Only the index culls markers: a text may reach past its rectangle, by
+// less than its own height and width.
 void DSPNetGraph::drawMarkers(QPainter* painter)
 {
     painter->setFont(markerFont);
     painter->setPen(ellipsisPen);
-    for (const QPoint& point : qAsConst(ellipsisPoints)) {
+    const QFontMetricsF metrics = painter->fontMetrics();
+    const qreal reach = metrics.height() + metrics.horizontalAdvance(QStringLiteral("..."));
+    const QRectF area = paintArea.isNull() ? QRectF() : paintArea.adjusted(-reach, -reach, reach, reach);
+    for (int i : paintCandidates(markerIndex, ellipsisPoints.size(), area)) {
+        const QPoint& point = ellipsisPoints.at(i);
         painter->drawText(QRect(point, point + QPoint(119, 44)), Qt::AlignCenter,
                           QStringLiteral("..."));
     }
@@ -296,9 +330,74 @@ void DSPNetGraph::drawMarkers(QPainter* painter)
 // Send lines were drawn first, under the units.
 void DSPNetGraph::drawConnections(QPainter* painter, const QRectF& visible)
 {
-    drawLines(painter, standardPen, standardLines, visible);
-    drawLines(painter, sidechainPen, sidechainLines, visible);
-    drawLines(painter, sendSidechainPen, sendSidechainLines, visible);
+    drawLines(painter, standardPen, standardLines,
+              paintCandidates(standardLineIndex, standardLines.size(), paintArea), visible);
+    drawLines(painter, sidechainPen, sidechainLines,
+              paintCandidates(sidechainLineIndex, sidechainLines.size(), paintArea), visible);
+    drawLines(painter, sendSidechainPen, sendSidechainLines,
+              paintCandidates(sendSidechainLineIndex, sendSidechainLines.size(), paintArea), visible);
+}
+
+// Every box in logical coordinates and without the margins the device
+// tests add: paintArea makes room for those. A layout of N items costs
+// O(N) here.
+void DSPNetGraph::indexForPainting()
+{
+    // The meter lists and the group names lie all over the heap: each is
+    // asked for ahead, or their counts would stall the pass once per item.
+    const int units = nodeList.size();
+    unitIndex.start(units);
+    for (int i = 0; i < units; ++i) {
+        if (i + Prefetch::Distance < units)
+            Prefetch::block(nodeList.at(i + Prefetch::Distance).levels);
+        const DSPNetGraphicalNode& node = nodeList.at(i);
+        // Sixteen meters or fewer fit in the box.
+        if (node.levels.size() > 16) {
+            unitIndex.add(nodeBounds(node));
+        } else {
+            const QPoint p = node.position;
+            unitIndex.add(p.x(), p.y(), p.x() + 120, p.y() + 45);
+        }
+    }
+    unitIndex.finish();
+    indexLines(&standardLineIndex, standardLines);
+    indexLines(&sidechainLineIndex, sidechainLines);
+    indexLines(&sendSidechainLineIndex, sendSidechainLines);
+    indexLines(&sendLineIndex, sendLines);
+    markerIndex.start(ellipsisPoints.size());
+    for (const QPoint& p : qAsConst(ellipsisPoints))
+        markerIndex.add(p.x(), p.y(), p.x() + 119, p.y() + 44);
+    markerIndex.finish();
+    // A box's texts start at its left edge and hang below it by its nesting.
+    groupTextLength = 0;
+    const int groups = groupList.size();
+    groupBoxIndex.start(groups);
+    for (int i = 0; i < groups; ++i) {
+        if (i + Prefetch::Distance < groups) {
+            Prefetch::block(groupList.at(i + Prefetch::Distance).name);
+            Prefetch::block(groupList.at(i + Prefetch::Distance).guidString);
+        }
+        const DSPGroupGraphicalNode& group = groupList.at(i);
+        groupTextLength = qMax(groupTextLength, group.name.size() + group.guidString.size() + 1);
+        groupBoxIndex.add(group.rect.adjusted(0, 0, 0, qMax(0, group.level * 5 + 10)));
+    }
+    groupBoxIndex.finish();
+}
+
+// The items of one list a paint may draw, in the list's order: those the
+// index finds near the area, or all of them when nothing is clipped or the
+// list changed since it was indexed (the callers still test each one).
+const std::vector<int>& DSPNetGraph::paintCandidates(const DSPNetGraphBoxIndex& index, int count,
+                                                     const QRectF& area)
+{
+    paintFound.clear();
+    if (paintIndexed && !area.isNull() && index.size() == count) {
+        index.find(area, &paintFound);
+        return paintFound;
+    }
+    paintFound.resize(size_t(count));
+    std::iota(paintFound.begin(), paintFound.end(), 0);
+    return paintFound;
 }
 
 // In the leftmost column around the last row; the widget's extra height

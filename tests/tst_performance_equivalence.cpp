@@ -389,6 +389,83 @@ private slots:
         }
     }
 
+    void indexedPaintMatchesPlainPaint_data()
+    {
+        QTest::addColumn<DSPShapes::DSPShape>("shape");
+        QTest::addColumn<int>("units"); // 0: forty small random networks
+        QTest::addColumn<quint32>("seed");
+        QTest::newRow("random networks") << DSPShapes::DSPShape::Tree << 0 << 11u;
+        QTest::newRow("tree 3000") << DSPShapes::DSPShape::Tree << 3000 << 12u;
+        QTest::newRow("cycles 1000") << DSPShapes::DSPShape::Cycles << 1000 << 13u;
+        QTest::newRow("ladder 1000") << DSPShapes::DSPShape::DiamondLadder << 1000 << 14u;
+    }
+
+    // Painting what the index finds near an exposed area must give exactly the pixels visiting every item gives,
+    // under the same clip: an item the index drops, or finds twice, shows. Options, zoom, selection, highlight,
+    // guids and long group names vary, and the areas include the whole graph, empty ones and ones past the edge.
+    void indexedPaintMatchesPlainPaint()
+    {
+        QFETCH(DSPShapes::DSPShape, shape);
+        QFETCH(int, units);
+        QFETCH(quint32, seed);
+        QRandomGenerator random(seed);
+        for (int trial = 0; trial < (units ? 2 : 40); ++trial) {
+            ModelAndView shown(random.bounded(2), random.bounded(2));
+            DSPNetGraph& graph = shown.graph;
+            for (auto show : { &DSPNetGraph::setShowCPUUsage, &DSPNetGraph::setShowVolumeLevels,
+                               &DSPNetGraph::setShowGroups, &DSPNetGraph::setShowGuids, &DSPNetGraph::setShowSends,
+                               &DSPNetGraph::setShowLegend })
+                (graph.*show)(random.bounded(3) != 0);
+            SimNetwork network = units ? DSPShapes::makeNetwork(shape, units, seed + trial) : randomNetwork(random);
+            for (SimGroup& group : network.groups) {
+                if (random.bounded(2))
+                    group.guid = QUuid(random.generate(), 1, 2, 3, 4, 5, 6, 7, 8, 9, 10);
+                group.name += QByteArray(random.bounded(3) ? 0 : random.bounded(80), 'W');
+            }
+            shown.network.receiveBytes(PacketEncoder::encodeGroups(network));
+            shown.select(network.units.at(random.bounded(network.units.size())), PacketEncoder::NewestDSPVersion);
+            shown.network.receiveBytes(PacketEncoder::encodeDSP(network, PacketEncoder::NewestDSPVersion));
+            graph.setHighlightName(QStringList { "", "Fader", "0x6" }.at(random.bounded(3)));
+            graph.setScale(0.2f + random.bounded(19) * 0.1f);
+            // Built from the lists as they are, so the index, not the fallback, is what gets compared.
+            QCOMPARE(graph.unitIndex.size(), graph.nodeList.size());
+            QCOMPARE(graph.standardLineIndex.size(), graph.standardLines.size());
+            QCOMPARE(graph.groupBoxIndex.size(), graph.groupList.size());
+
+            const QSize size = graph.minimumSize();
+            for (int view = 0; view < 10; ++view) {
+                const int x = random.bounded(size.width());
+                const int y = random.bounded(size.height());
+                // Areas that end or start a pixel or two from a unit's corner or a line's end catch a margin too thin.
+                const QLine line = graph.standardLines.value(random.bounded(graph.standardLines.size() + 1));
+                const QPoint unit = graph.nodeList.value(random.bounded(qMax(1, graph.nodeList.size()))).position;
+                const QPoint corner = (random.bounded(2) ? line.p1() : unit) * graph.getScale();
+                const QPoint near = corner + QPoint(random.bounded(-2, 3), random.bounded(-2, 3));
+                const QRect areas[] = { QRect(QPoint(0, 0), size), QRect(x, y, 0, random.bounded(2) * 50),
+                                        QRect(size.width() - 300, y, 800, 600), QRect(x, size.height() - 200, 800, 600),
+                                        QRect(x - 400, y - 300, 800, 600), QRect(near - QPoint(800, 600), near),
+                                        QRect(near, QSize(800, 600)) };
+                const QRect area = areas[view < 2 ? view : random.bounded(7)];
+                const bool forImage = random.bounded(4) == 0;
+                const auto paint = [&](bool indexed) {
+                    QImage image(area.size().expandedTo(QSize(1, 1)).boundedTo(QSize(2000, 2000)),
+                                 QImage::Format_RGB32);
+                    image.fill(QColor(49, 56, 64));
+                    QPainter painter(&image);
+                    painter.translate(-area.topLeft());
+                    painter.setClipRect(area);
+                    graph.paintIndexed = indexed;
+                    graph.renderTree(&painter, forImage);
+                    return image;
+                };
+                QVERIFY2(paint(true) == paint(false),
+                         qPrintable(QStringLiteral("trial %1, scale %2, area %3,%4 %5x%6")
+                                        .arg(trial).arg(graph.getScale()).arg(area.x()).arg(area.y())
+                                        .arg(area.width()).arg(area.height())));
+            }
+        }
+    }
+
     // A snapshot of the network already shown is written into the model and the layout in place. Whatever the
     // packet, the result must be what building both afresh from it gives; a packet dropped as broken must leave
     // both as they were.
