@@ -9,6 +9,7 @@
 #include "simengine.h"
 #include "targetserver.h"
 
+#include <QCryptographicHash>
 #include <QElapsedTimer>
 #include <QSet>
 #include <QSignalSpy>
@@ -110,6 +111,7 @@ private slots:
     void networkReadsAsAMix_data();
     void networkReadsAsAMix();
     void simulationMovesDeterministically();
+    void defaultGameUnchanged();
     void commandsChangeTheUnitAtOnce();
     void shapes_data();
     void shapes();
@@ -351,6 +353,23 @@ void TestDemoTarget::simulationMovesDeterministically()
     QVERIFY2(rises > 5 && falls > 5, qPrintable(QStringLiteral("%1 %2").arg(rises).arg(falls)));
     QVERIFY(network.units[network.head].levels != masterLevelsAtStart);
     QVERIFY(virtualCounts.size() > 5);
+}
+
+// The default game is the one the README pictures and the other tests
+// read; its packets over 50 steps were hashed before large networks got
+// their submixes and cost budget, which must leave it alone.
+void TestDemoTarget::defaultGameUnchanged()
+{
+    SimEngine engine(1, 60);
+    QCryptographicHash hash(QCryptographicHash::Sha1);
+    for (int step = 0; step < 50; ++step) {
+        engine.step();
+        hash.addData(PacketEncoder::encodeDSP(engine.getNetwork(), 6));
+        hash.addData(PacketEncoder::encodeGroups(engine.getNetwork()));
+        hash.addData(PacketEncoder::encodeCPU(engine.getFigures(), 1));
+        hash.addData(PacketEncoder::encodeStats(engine.getFigures()));
+    }
+    QCOMPARE(hash.result().toHex(), QByteArray("eb4249e493634077042733e6777dcd08a1a6b8a6"));
 }
 
 // Enable and bypass change the unit at once, so the very next snapshot
