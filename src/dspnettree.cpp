@@ -174,12 +174,19 @@ void DSPTree::rebuildDSPGraph(const QByteArray& packet, int version, int firstRe
     shapeRecords.clear();
     root = DSPNode();
     dspVersion = version;
+    // A table edited by hand leaves no records to compare with.
+    sameTopology = !previousRecords.isEmpty();
 
     nodesById.reserve(unitCount);
     const char* cursor = packet.constData() + firstRecord;
     recordsEnd = packet.constData() + packet.size();
     createDSPRecurse(&cursor, &root);
     recordsEnd = nullptr;
+    if (sameTopology && shapeRecords.size() != previousRecords.size()) {
+        sameTopology = false;
+        for (const ShapeRecord& shape : qAsConst(shapeRecords))
+            shape.node->depth = -1;
+    }
     dropUnreadUnits();
 
     shapeNodes = nodesById;
@@ -188,9 +195,46 @@ void DSPTree::rebuildDSPGraph(const QByteArray& packet, int version, int firstRe
     ++shapeSerial;
 
     createDSPUsage();
-    // The same as createDSPDepthRecurse() with a fresh table of path marks,
-    // without filling a table that nobody reads afterwards.
+    assignDepths();
+}
+
+// The same as createDSPDepthRecurse() with a fresh table of path marks,
+// without filling a table that nobody reads afterwards; skipped when the
+// walk found the last network's links, whose depths it has already given.
+void DSPTree::assignDepths()
+{
+    if (sameTopology)
+        return;
     assignDSPDepths(nullptr, &root, nodesById.size() + 1);
+    shapeDepths.resize(shapeRecords.size());
+    const int count = shapeRecords.size();
+    for (int i = 0; i < count; ++i) {
+        if (i + Prefetch::Distance < count)
+            Prefetch::object(shapeRecords.at(i + Prefetch::Distance).node);
+        shapeDepths[i] = shapeRecords.at(i).node->depth;
+    }
+}
+
+// Called for each record in walk order, after the record was appended.
+// While the records match the last network's, a unit read for the first
+// time gets its depth back from there; at the first difference the units
+// given one so far lose it again, as a fresh walk would have them.
+void DSPTree::noteRecordTopology(DSPNode* node, DSPNode* parent, bool first)
+{
+    if (!sameTopology)
+        return;
+    const int i = shapeRecords.size() - 1;
+    if (i < previousRecords.size() && i < shapeDepths.size()) {
+        const ShapeRecord& previous = previousRecords.at(i);
+        if (previous.node == node && previous.parent == parent && previous.first == first) {
+            if (first)
+                node->depth = shapeDepths.at(i);
+            return;
+        }
+    }
+    sameTopology = false;
+    for (int k = 0; k < i; ++k)
+        shapeRecords.at(k).node->depth = -1;
 }
 
 // Marks every unit as not yet read by the coming walk. A unit built from
@@ -303,6 +347,7 @@ bool DSPTree::readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit
         link.node = node;
         parent->inputs.append(link);
         shapeRecords.append({ node, parent, place.childCount, false, link.send, link.sidechain });
+        noteRecordTopology(node, parent, false);
         return true;
     }
     if (!node) {
@@ -311,6 +356,7 @@ bool DSPTree::readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit
     }
     takeRecord(node, record, place.childCount);
     shapeRecords.append({ node, parent, place.childCount, true, link.send, link.sidechain });
+    noteRecordTopology(node, parent, true);
     pending->append({ node, parent, place.childCount, link });
     return true;
 }
@@ -353,6 +399,7 @@ void DSPTree::releaseUnits()
     shapeNodes.clear();
     shapeRecords.clear();
     shapePacket.clear();
+    shapeDepths.clear();
 }
 
 // Every unit of the network once. The records of the last packet list them

@@ -143,6 +143,8 @@ private:
     void markUnitsForReuse(int version);
     DSPNode* findUnit(unsigned long long id);
     void dropUnreadUnits();
+    void noteRecordTopology(DSPNode* node, DSPNode* parent, bool first);
+    void assignDepths();
     void releaseUnits();
     void sendCommandString(unsigned char type, unsigned char version, const QString& text);
     void sendCommandUnitState(unsigned char subtype, unsigned long long id, bool state);
@@ -167,6 +169,12 @@ private:
     // the one expected to come next.
     QVector<ShapeRecord> previousRecords;
     int reuseCursor = 0;
+    // Depths depend on nothing but which unit feeds which, so a rebuild whose
+    // records link the same units in the same order as the last network's
+    // keeps that network's depths, held here by record. sameTopology stays
+    // true while the records read so far do.
+    QVector<int> shapeDepths;
+    bool sameTopology = false;
 
     quint64 shapeSerial = 0;
     quint64 valueSerial = 0;

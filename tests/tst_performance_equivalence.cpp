@@ -528,6 +528,43 @@ private slots:
                  qPrintable(QStringLiteral("%1 in place, %2 rebuilt").arg(inPlace).arg(rebuilt)));
     }
 
+    void rebuildMatchesFreshModel_data()
+    {
+        QTest::addColumn<QByteArrayList>("packets");
+        QTest::addColumn<int>("byHand"); // before each packet: 1 every depth
+        const QByteArray chain = dspPacketV6({ { 1, 1 }, { 2, 1 }, { 3, 1 }, { 4, 0 } });
+        const QByteArray fan = dspPacketV6({ { 1, 2 }, { 2, 0 }, { 3, 0 } });
+        const QByteArray nested = dspPacketV6({ { 1, 1 }, { 2, 1 }, { 3, 0 } });
+        const QByteArray nestedOff = dspPacketV6({ { 1, 1 }, { 2, 1 }, { 3, 0, 1, 0 } });
+        const QByteArray cycle = dspPacketV6({ { 1, 1 }, { 2, 2 }, { 3, 0 }, { 1, 0 } });
+        const QByteArray cycleOff = dspPacketV6({ { 1, 1 }, { 2, 2 }, { 3, 0, 1, 0 }, { 1, 0 } });
+        // Rebuilds (a flag differs) whose links stay, move or go, so that kept depths are compared with
+        // computed ones.
+        QTest::newRow("same links") << QByteArrayList { nested, nestedOff } << 0;
+        QTest::newRow("same order, other nesting") << QByteArrayList { fan, nestedOff } << 0;
+        QTest::newRow("other nesting and back") << QByteArrayList { nested, fan, nestedOff } << 0;
+        QTest::newRow("last unit gone") << QByteArrayList { chain, nestedOff } << 0;
+        QTest::newRow("cycle kept") << QByteArrayList { cycle, cycleOff, cycle } << 0;
+        QTest::newRow("depths set by hand") << QByteArrayList { nested, nestedOff } << 1;
+    }
+
+    // A rebuild may keep what the last network's links gave; it must end as a model built from its packet alone.
+    void rebuildMatchesFreshModel()
+    {
+        QFETCH(QByteArrayList, packets);
+        QFETCH(int, byHand);
+        ModelAndView running(true, true);
+        for (const QByteArray& packet : qAsConst(packets)) {
+            for (DSPNode* node : qAsConst(running.tree.nodesById))
+                node->depth = byHand == 1 ? 7 : node->depth;
+            running.network.receiveBytes(packet);
+        }
+        ModelAndView fresh(true, true);
+        fresh.network.receiveBytes(packets.last());
+        QCOMPARE(modelDigest(running.tree), modelDigest(fresh.tree));
+        QCOMPARE(layoutDigest(running.graph), layoutDigest(fresh.graph));
+    }
+
     // A repeated unit's record may carry a child count; no children are read for it, so the records after it
     // still belong to the unit before. An update in place must nest them the same way.
     void repeatedUnitWithChildCount()
