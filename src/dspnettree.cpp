@@ -467,14 +467,42 @@ bool DSPTree::readGroupData()
         return false;
     }
 
+    groupVersion = version;
+    if (groupsAsBuilt(packet))
+        return true;
     qDeleteAll(groups);
     groups.clear();
-    groupVersion = version;
     // The count comes from the bytes received, never from a field, and a
     // partial record at the end is ignored.
     const int count = (packet.size() - TARN::ProfilePacketHeaderSize) / GroupRecordSize;
     createGroup(packet.constData() + TARN::ProfilePacketHeaderSize, count);
+    rememberGroups(packet);
     return true;
+}
+
+// Whether the groups are still exactly what `packet` would build: the same
+// bytes as last time, and a list and groups nobody changed by hand since.
+bool DSPTree::groupsAsBuilt(const QByteArray& packet) const
+{
+    if (packet != groupPacket || !groups.isSharedWith(builtGroups))
+        return false;
+    for (int i = 0; i < groups.size(); ++i) {
+        const GroupNode* group = groups.at(i);
+        const GroupNode& built = builtGroupValues.at(i);
+        if (group->id != built.id || group->parentId != built.parentId || group->guid != built.guid
+            || group->name != built.name)
+            return false;
+    }
+    return true;
+}
+
+void DSPTree::rememberGroups(const QByteArray& packet)
+{
+    groupPacket = packet;
+    builtGroups = groups;
+    builtGroupValues.resize(groups.size());
+    for (int i = 0; i < groups.size(); ++i)
+        builtGroupValues[i] = *groups.at(i);
 }
 
 void DSPTree::createGroup(const char* records, int count)

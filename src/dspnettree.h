@@ -146,6 +146,8 @@ private:
     void noteRecordTopology(DSPNode* node, DSPNode* parent, bool first);
     void assignDepths();
     void releaseUnits();
+    bool groupsAsBuilt(const QByteArray& packet) const;
+    void rememberGroups(const QByteArray& packet);
     void sendCommandString(unsigned char type, unsigned char version, const QString& text);
     void sendCommandUnitState(unsigned char subtype, unsigned long long id, bool state);
 
@@ -175,6 +177,13 @@ private:
     // true while the records read so far do.
     QVector<int> shapeDepths;
     bool sameTopology = false;
+
+    // The groups packet the groups were last built from, the list built and
+    // its values: a target repeats the same groups packet every update, and
+    // an unchanged list keeps the view's layout reusable.
+    QByteArray groupPacket;
+    QVector<GroupNode*> builtGroups;
+    QVector<GroupNode> builtGroupValues;
 
     quint64 shapeSerial = 0;
     quint64 valueSerial = 0;

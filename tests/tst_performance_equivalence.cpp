@@ -565,6 +565,47 @@ private slots:
         QCOMPARE(layoutDigest(running.graph), layoutDigest(fresh.graph));
     }
 
+    void repeatedGroupsMatchFreshGroups_data()
+    {
+        QTest::addColumn<int>("edit"); // 0 none, 1 a name, 2 the list, 3 another packet in between
+        QTest::newRow("same packet again") << 0;
+        QTest::newRow("name changed by hand") << 1;
+        QTest::newRow("list changed by hand") << 2;
+        QTest::newRow("other packet between") << 3;
+    }
+
+    // The same groups packet again may keep the groups built from it; what it leaves must be what a fresh model
+    // builds from it, and the update must still be reported.
+    void repeatedGroupsMatchFreshGroups()
+    {
+        QFETCH(int, edit);
+        QRandomGenerator random(7);
+        const QByteArray groups = PacketEncoder::encodeGroups(randomNetwork(random));
+        ModelAndView running(true, true);
+        QSignalSpy updates(&running.tree, &DSPTree::dspNetTreeUpdated);
+        running.network.receiveBytes(groups);
+        if (edit == 1)
+            running.tree.groups.constFirst()->name = "edited"; // the list itself stays shared
+        if (edit == 2)
+            running.tree.groups.removeLast();
+        if (edit == 3)
+            running.network.receiveBytes(PacketEncoder::encodeGroups(randomNetwork(random)));
+        running.network.receiveBytes(groups);
+        QCOMPARE(updates.count(), edit == 3 ? 3 : 2);
+
+        ModelAndView fresh(true, true);
+        fresh.network.receiveBytes(groups);
+        const auto digest = [](const DSPTree& tree) {
+            QStringList lines;
+            for (const GroupNode* group : tree.groups)
+                lines << QStringLiteral("%1 %2 %3 %4").arg(group->id).arg(group->parentId).arg(group->guid.toString(),
+                                                                                            group->name);
+            return lines;
+        };
+        QCOMPARE(digest(running.tree), digest(fresh.tree));
+        QVERIFY(!running.tree.groups.isEmpty());
+    }
+
     // A repeated unit's record may carry a child count; no children are read for it, so the records after it
     // still belong to the unit before. An update in place must nest them the same way.
     void repeatedUnitWithChildCount()
