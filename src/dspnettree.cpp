@@ -137,7 +137,7 @@ bool DSPTree::readDSPData()
 
     // A packet that ends before its records do is dropped whole, so the
     // graph on screen is never a partial one.
-    const int unitCount = in.ok() ? countUnits(packet, in.position(), version, &unitIds) : -1;
+    const int unitCount = in.ok() ? countPacketUnits(packet, in.position(), version) : -1;
     if (unitCount < 0) {
         cpuUsage = 0.0f;
         timingRate = 0;
@@ -150,6 +150,17 @@ bool DSPTree::readDSPData()
         emit statusChanged(OldVersionText);
     rebuildDSPGraph(packet, version, in.position(), unitCount);
     return true;
+}
+
+// countUnits() for a packet whose records form the tree of the last
+// packet's (a unit switched on or off, say): that walk's count, without
+// walking the ids through a set again.
+int DSPTree::countPacketUnits(const QByteArray& packet, int firstRecord, int version)
+{
+    if (!shapeRecords.isEmpty() && version == dspVersion && firstRecord == shapeFirstRecord
+        && sameRecordTree(packet, shapePacket, firstRecord, version, shapeRecords.size()))
+        return shapeUnitCount;
+    return countUnits(packet, firstRecord, version, &unitIds);
 }
 
 void DSPTree::readDSPPrologue(PacketReader* in, int version)
@@ -190,6 +201,7 @@ void DSPTree::rebuildDSPGraph(const QByteArray& packet, int version, int firstRe
     dropUnreadUnits();
 
     shapeNodes = nodesById;
+    shapeUnitCount = unitCount;
     shapePacket = packet;
     shapeFirstRecord = firstRecord;
     ++shapeSerial;

@@ -129,6 +129,7 @@ private:
 
     QByteArray takeNewestPacket(unsigned char type);
     void readDSPPrologue(PacketReader* in, int version);
+    int countPacketUnits(const QByteArray& packet, int firstRecord, int version);
     void rebuildDSPGraph(const QByteArray& packet, int version, int firstRecord, int unitCount);
     bool readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit>* pending);
     // Updates of the same network (dspnettreeupdate.cpp).
@@ -162,6 +163,8 @@ private:
     QHash<unsigned long long, DSPNode*> shapeNodes;
     QByteArray shapePacket;
     int shapeFirstRecord = 0;
+    // The distinct units of shapePacket's records.
+    int shapeUnitCount = 0;
     QVector<StagedValues> staged;
     QVector<char> stagedLevels;
     DSPNode scratch;

@@ -210,6 +210,25 @@ bool decodeRecord(const char** cursor, const char* end, int version, DSPNode* no
     return true;
 }
 
+bool sameRecordTree(const QByteArray& packet, const QByteArray& other, int firstRecord, int version, int count)
+{
+    const RecordLayout layout = recordLayout(version);
+    const qint64 bytes = qint64(count) * layout.size;
+    if (firstRecord < 0 || count < 0 || packet.size() - firstRecord < bytes || other.size() - firstRecord < bytes)
+        return false;
+    const int idWidth = layout.signedId32 ? 4 : 8;
+    const int childWidth = layout.childCount16 ? 2 : 4;
+    const char* record = packet.constData() + firstRecord;
+    const char* otherRecord = other.constData() + firstRecord;
+    for (int i = 0; i < count; ++i, record += layout.size, otherRecord += layout.size) {
+        if (std::memcmp(record, otherRecord, size_t(idWidth)) != 0
+            || std::memcmp(record + layout.childCountOffset, otherRecord + layout.childCountOffset, size_t(childWidth))
+                   != 0)
+            return false;
+    }
+    return true;
+}
+
 // Walks the record structure without building anything, so that a packet
 // that ends before its records do is refused while the old graph is still
 // there. Returns the number of distinct units, or -1.

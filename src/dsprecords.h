@@ -38,6 +38,11 @@ QString readRecordName(const char* record, int version);
 // Two records that carry the same name bytes decode to the same name.
 bool sameRecordName(const char* record, const char* other, int version);
 
+// Whether the first `count` records of two packets (from `firstRecord` on)
+// name the same units with the same child counts: then their tree walks
+// are the same walk. False when either packet is shorter.
+bool sameRecordTree(const QByteArray& packet, const QByteArray& other, int firstRecord, int version, int count);
+
 // The number of distinct units of the records from `firstRecord` on, or -1
 // when the packet ends before its records do.
 int countUnits(const QByteArray& packet, int firstRecord, int version, UnitIdSet* seen);
