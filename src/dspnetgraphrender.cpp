@@ -133,8 +133,8 @@ void DSPNetGraph::createDrawingResources()
 }
 
 // A large network costs painting time per unit even where nothing shows, so
-// units and lines outside the painter's clip are skipped; what is drawn is
-// the same pixel for pixel.
+// a clipped paint takes only the items the index finds near the clip and
+// tests those as before; what is drawn is the same pixel for pixel.
 void DSPNetGraph::renderTree(QPainter* painter, bool forImage)
 {
     const QRectF visible = painter->hasClipping() ? painter->clipBoundingRect() : QRectF();
