@@ -9,9 +9,13 @@ namespace
 // of them play, the rest of the budget is the fixed mixer structure.
 const int ChannelSlotPercent = 30;
 // Fixed units per group of four top-level buses: the default network has
-// one such group, larger ones get more groups rather than deeper nesting.
+// one such group, larger ones get more groups (under submixes) rather than
+// deeper bus nesting.
 const int UnitsPerTopGroup = 50;
 const int TopGroupSize = 4;
+// The four buses of a group and their return.
+const int GroupInputs = TopGroupSize + 1;
+const int GroupsPerSubmix = NetworkBuilder::MaxInputs / GroupInputs;
 
 const char* const TopNames[] = {"Music", "SFX", "Dialogue", "Ambience", "UI", "Foley", "Cinematics", "Vehicles"};
 const int NumTopNames = 8;
@@ -29,6 +33,25 @@ const char* const MiddleNames[NumTopNames][4] = {
 
 const char* const InnerNames[] = {"Near", "Far", "Layer"};
 const char* const ReturnNames[] = {"Reverb Return", "Echo Return", "Hall Return", "Plate Return"};
+
+qint64 power(int base, int exponent)
+{
+    qint64 result = 1;
+    for (int i = 0; i < exponent; ++i)
+        result *= base;
+    return result;
+}
+
+int divideRoundingUp(qint64 dividend, qint64 divisor)
+{
+    return static_cast<int>((dividend + divisor - 1) / divisor);
+}
+
+// Spreads `count` items evenly over `slots`, in order: which slot item `item` takes.
+int evenSlot(int item, int count, int slots)
+{
+    return static_cast<int>(static_cast<qint64>(item) * slots / count);
+}
 
 } // namespace
 
@@ -55,9 +78,16 @@ quint64 NetworkBuilder::groupId(int index)
 SimLayout NetworkBuilder::build()
 {
     addHead();
-    topCount = TopGroupSize * qMax(1, budget / UnitsPerTopGroup);
-    for (int index = 0; index < topCount && budget > 0; ++index)
+    const int topGroups = qMax(1, budget / UnitsPerTopGroup);
+    topCount = TopGroupSize * topGroups;
+    // A group of four takes at most 15 units (with its share of submixes)
+    // out of the 50 it is planned for, so every group is whole.
+    planSubmixes(topGroups);
+    for (int index = 0; index < topCount && budget > 0; ++index) {
+        if (index % TopGroupSize == 0)
+            enterSubmixes(index / TopGroupSize, topGroups);
         addTopBus(index);
+    }
     for (int index = 0; budget > 0; ++index)
         addNestedBus(index);
     addChannelSlots();
@@ -119,6 +149,62 @@ void NetworkBuilder::addHead()
     head = addUnit(UnitKind::Head, "Master", masterGroup, 150, -6.0f);
     layout.traits[head].numChannels = 6; // the output is 5.1
     layout.network.head = head;
+    topConsumer = head;
+    topGroupId = masterGroup;
+    --budget;
+}
+
+// With L levels the lowest one needs n submixes and each level above has
+// about the L-th root of n times fewer, so the fan-in is alike at every level.
+void NetworkBuilder::planSubmixes(int topGroups)
+{
+    if (topGroups <= GroupsPerSubmix)
+        return;
+    const int lowest = divideRoundingUp(topGroups, GroupsPerSubmix);
+    int levels = 1;
+    while (power(MaxInputs, levels) < lowest)
+        ++levels;
+    int fanOut = 2;
+    while (power(fanOut, levels) < lowest)
+        ++fanOut;
+    for (int level = 1; level <= levels; ++level)
+        submixCounts.append(divideRoundingUp(lowest, power(fanOut, levels - level)));
+    submixIndex.fill(-1, levels);
+    submixUnits.fill(head, levels);
+    submixGroups.fill(masterGroup, levels);
+}
+
+// Starts the submixes a group of top-level buses goes under, from the first
+// level that changes down to the lowest; each child belongs to one parent,
+// so a new parent always comes with new children.
+void NetworkBuilder::enterSubmixes(int topGroup, int topGroups)
+{
+    const int levels = submixCounts.size();
+    if (levels == 0)
+        return;
+    QVector<int> wanted(levels);
+    wanted[levels - 1] = evenSlot(topGroup, topGroups, submixCounts[levels - 1]);
+    for (int level = levels - 1; level > 0; --level)
+        wanted[level - 1] = evenSlot(wanted[level], submixCounts[level], submixCounts[level - 1]);
+    for (int level = 0; level < levels; ++level) {
+        if (wanted[level] == submixIndex[level])
+            continue;
+        submixIndex[level] = wanted[level];
+        addSubmix(level);
+    }
+    topConsumer = submixUnits.last();
+    topGroupId = submixGroups.last();
+    returnGroupId = topGroupId;
+}
+
+void NetworkBuilder::addSubmix(int level)
+{
+    const int consumer = level > 0 ? submixUnits[level - 1] : head;
+    const quint64 parentGroup = level > 0 ? submixGroups[level - 1] : masterGroup;
+    const QByteArray name = uniqueName("Submix");
+    submixGroups[level] = addGroup(name, parentGroup);
+    submixUnits[level] = addUnit(UnitKind::Bus, name + " Bus", submixGroups[level], 60, -10.0f);
+    link(consumer, submixUnits[level]);
     --budget;
 }
 
@@ -214,10 +300,10 @@ int NetworkBuilder::startBus(int level, int parent)
     bus.top = above ? above->top : topBuses.size();
     bus.name = busName(level, above);
     bus.firstName = random.below(12);
-    bus.groupId = addGroup(bus.name, above ? above->groupId : masterGroup);
+    bus.groupId = addGroup(bus.name, above ? above->groupId : topGroupId);
     bus.unit = addUnit(UnitKind::Bus, bus.name + " Bus", bus.groupId, 60, -10.0f);
     bus.tail = bus.unit;
-    link(above ? above->tail : head, bus.unit);
+    link(above ? above->tail : topConsumer, bus.unit);
     --budget;
 
     const int index = buses.size();
@@ -270,12 +356,13 @@ int NetworkBuilder::addEffect(EffectKind kind, int bus)
     return unit;
 }
 
-// Returns belong to no channel group: they are fed by sends, not by a bus.
+// Returns at the head belong to no channel group: they are fed by sends, not
+// by a bus. Under a submix they take its group, so its box holds them.
 int NetworkBuilder::addReturn()
 {
     const QByteArray name = uniqueName(ReturnNames[numReturns++ % 4]);
-    const int unit = addUnit(UnitKind::Return, name, 0, 1100, -20.0f);
-    link(head, unit);
+    const int unit = addUnit(UnitKind::Return, name, returnGroupId, 1100, -20.0f);
+    link(topConsumer, unit);
     --budget;
     return unit;
 }

@@ -49,9 +49,19 @@ struct SimLayout
 // the same distance from the head along both, so the profiler's longest-path
 // columns keep it next to both. The result is acyclic whatever the size, and
 // no unit has more inputs than a version 6 record can count.
+//
+// A large game's master cannot take thousands of buses: beyond twelve groups
+// of four, whole groups (buses and return together, so shared units keep
+// their equal distances) go under submix buses, in as many balanced levels
+// as it takes for no unit to have more than MaxInputs fixed inputs.
 class NetworkBuilder
 {
 public:
+    enum : int
+    {
+        MaxInputs = 64 // channels included: the engine attaches them only where there is room
+    };
+
     NetworkBuilder(quint64 seed, int units);
 
     SimLayout build();
@@ -90,6 +100,9 @@ private:
     QByteArray uniqueName(const QByteArray& base);
 
     void addHead();
+    void planSubmixes(int topGroups);
+    void enterSubmixes(int topGroup, int topGroups);
+    void addSubmix(int level);
     void addTopBus(int index);
     void addNestedBus(int index);
     int startBus(int level, int parent);
@@ -111,6 +124,15 @@ private:
     QVector<Bus> buses;
     QVector<int> topBuses; // indices into buses
     QVector<int> middleBuses;
+    // Submixes from the head down: how many each level has, and the one
+    // the current group of top-level buses goes under.
+    QVector<int> submixCounts;
+    QVector<int> submixIndex;
+    QVector<int> submixUnits;
+    QVector<quint64> submixGroups;
+    int topConsumer = 0; // unit the top-level buses and returns feed
+    quint64 topGroupId = 0; // channel group their groups nest in
+    quint64 returnGroupId = 0;
     int numReturns = 0;
     QHash<QByteArray, int> nameUses;
 };

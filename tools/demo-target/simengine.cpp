@@ -146,12 +146,28 @@ void SimEngine::playAllChannels()
     ++revision;
 }
 
+// The drawn attach point or, if it is full, the next one with room; -1 if
+// none has any, which the builder's few channels per bus never come near.
+int SimEngine::attachPointWithRoom(int first) const
+{
+    const QVector<int>& points = layout.attachPoints;
+    for (int i = 0; i < points.size(); ++i) {
+        const int point = points[(first + i) % points.size()];
+        if (layout.network.units[point].inputs.size() < NetworkBuilder::MaxInputs)
+            return point;
+    }
+    return -1;
+}
+
 void SimEngine::startChannel(int slot, int steps)
 {
+    const int attachPoint = attachPointWithRoom(random.below(layout.attachPoints.size()));
+    if (attachPoint < 0)
+        return;
     Channel& channel = channels[slot];
     channel.playing = true;
     channel.remainingSteps = steps;
-    channel.attachPoint = layout.attachPoints[random.below(layout.attachPoints.size())];
+    channel.attachPoint = attachPoint;
     channel.loudness = random.range(-30.0f, -6.0f);
 
     const int unit = layout.channelUnits[slot];

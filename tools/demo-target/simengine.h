@@ -61,6 +61,7 @@ private:
         float loudness = -18.0f; // dB
     };
 
+    int attachPointWithRoom(int first) const;
     void startChannel(int slot, int steps);
     void stopChannel(int slot);
     void stepChannels();
