@@ -16,6 +16,7 @@
 #include <QTcpSocket>
 #include <QtTest>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 
@@ -111,6 +112,8 @@ private slots:
     void networkReadsAsAMix_data();
     void networkReadsAsAMix();
     void simulationMovesDeterministically();
+    void largeNetworksStayBelievable_data();
+    void largeNetworksStayBelievable();
     void defaultGameUnchanged();
     void commandsChangeTheUnitAtOnce();
     void shapes_data();
@@ -358,6 +361,73 @@ void TestDemoTarget::simulationMovesDeterministically()
     QVERIFY2(rises > 5 && falls > 5, qPrintable(QStringLiteral("%1 %2").arg(rises).arg(falls)));
     QVERIFY(network.units[network.head].levels != masterLevelsAtStart);
     QVERIFY(virtualCounts.size() > 5);
+}
+
+void TestDemoTarget::largeNetworksStayBelievable_data()
+{
+    QTest::addColumn<int>("units");
+    QTest::addColumn<bool>("everyChannel");
+    QTest::addColumn<int>("maxDepth"); // longest path from the head
+    for (int units : {60, 1000, 10000, 54321, 100000})
+        QTest::addRow("%d units", units) << units << false << (units < 1000 ? 9 : units < 60000 ? 10 : 11);
+    QTest::newRow("100000 units, every channel") << 100000 << true << 11;
+}
+
+// A large game still reads as a mix: no unit takes more than 64 inputs (the
+// master of 100000 units once took 7000), the DSP load fits one mix block
+// (it once read 42000 %), channel groups grow with the network, and every
+// unit is built exactly once with no loop.
+void TestDemoTarget::largeNetworksStayBelievable()
+{
+    QFETCH(int, units);
+    QFETCH(bool, everyChannel);
+    QFETCH(int, maxDepth);
+    SimEngine engine(1, units);
+    if (everyChannel)
+        engine.playAllChannels();
+    const SimNetwork& network = engine.getNetwork();
+    QCOMPARE(network.units.size(), units);
+    QVERIFY2(network.groups.size() * 5 >= units && network.groups.size() * 3 <= units,
+             qPrintable(QString::number(network.groups.size())));
+    for (int step = 0; step < 20; ++step) {
+        engine.step();
+        int widest = 0;
+        for (const SimUnit& unit : network.units)
+            widest = qMax(widest, unit.inputs.size());
+        QVERIFY2(widest <= 64, qPrintable(QString::number(widest)));
+        QVERIFY2(engine.getFigures().dsp < 100.0f, qPrintable(QString::number(engine.getFigures().dsp)));
+        QVERIFY(units < 1000 || engine.getFigures().dsp > 30.0f);
+    }
+
+    // Peeling off units nobody consumes reaches every unit only if there is no cycle;
+    // in that order each unit's longest path from the head is final before its inputs are met.
+    QVector<int> consumers(units), depth(units);
+    for (const SimUnit& unit : network.units) {
+        for (const SimInput& input : unit.inputs)
+            ++consumers[input.unit];
+    }
+    QVector<int> ready;
+    for (int unit = 0; unit < units; ++unit) {
+        if (consumers[unit] == 0)
+            ready.append(unit);
+    }
+    int peeled = 0;
+    while (!ready.isEmpty()) {
+        const int unit = ready.takeLast();
+        ++peeled;
+        for (const SimInput& input : network.units[unit].inputs) {
+            depth[input.unit] = qMax(depth[input.unit], depth[unit] + 1);
+            if (--consumers[input.unit] == 0)
+                ready.append(input.unit);
+        }
+    }
+    QCOMPARE(peeled, units);
+    QCOMPARE(*std::max_element(depth.cbegin(), depth.cend()), maxDepth);
+
+    // The profiler sums the units' own costs at the head.
+    Decoder decoder(PacketEncoder::encodeDSP(network, 6));
+    const float headLoad = decoder.tree.root.inputs.first().node->inclusiveCPU * 100.0f;
+    QVERIFY2(qAbs(headLoad - engine.getFigures().dsp) < 0.01f, qPrintable(QString::number(headLoad)));
 }
 
 // The default game is the one the README pictures and the other tests

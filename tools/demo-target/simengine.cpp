@@ -17,9 +17,31 @@ const int IntensityPeriodSteps = 600;
 // The last steps of a sound fade it out instead of cutting it.
 const int ReleaseSteps = 3;
 const float SilentDb = -80.0f;
+// A game gives its mixer a share of each mix block. A network that would
+// cost more at full price (from about 120 units) is priced down to it,
+// as a real engine would be tuned to fit, so the load stays believable.
+const float LoadBudget = 0.5f;
+const float PlayingShare = 2.0f / 3.0f;
 
 const qint32 CodecBaseCapacity[NumCodecs] = {32, 16, 16, 32, 0, 0, 64};
 const qint32 MegaByte = 1024 * 1024;
+
+float blockMicroseconds(const SimNetwork& network)
+{
+    return static_cast<float>(network.timingLength) * 1000000.0f / network.timingRate;
+}
+
+// Where a unit's cost is cut to whole microseconds. Full-price costs are
+// rounded; scaled-down ones are mostly below a microsecond, and offsets
+// spread over [0, 1) make the truncated costs add up to the scaled total.
+float roundingOffset(int unit, bool scaled)
+{
+    if (!scaled)
+        return 0.5f;
+    const double golden = 0.6180339887498949;
+    const double product = unit * golden;
+    return static_cast<float>(product - static_cast<qint64>(product));
+}
 
 } // namespace
 
@@ -55,6 +77,7 @@ SimEngine::SimEngine(quint64 seed, int units)
         unitById.insert(network.units[unit].id, unit);
         levelDb[unit] = layout.traits[unit].restLevel;
     }
+    loadScale = budgetScale();
 
     // The game is already running when the profiler looks in.
     for (int slot = 0; slot < channels.size(); ++slot) {
@@ -144,6 +167,17 @@ void SimEngine::playAllChannels()
     }
     refreshTotals();
     ++revision;
+}
+
+// The full-price cost of the fixed units and of the channels that play on
+// average, against the budget.
+float SimEngine::budgetScale() const
+{
+    double nominal = 0.0;
+    for (int unit = 0; unit < layout.traits.size(); ++unit)
+        nominal += layout.traits[unit].baseCost * (unit < numFixedUnits ? 1.0 : PlayingShare);
+    const double budget = LoadBudget * blockMicroseconds(layout.network);
+    return nominal > budget ? static_cast<float>(budget / nominal) : 1.0f;
 }
 
 // The drawn attach point or, if it is full, the next one with room; -1 if
@@ -242,12 +276,14 @@ void SimEngine::refreshUnit(int unit)
         record.levels[channel] = static_cast<qint8>(qBound(-80, static_cast<int>(level), 10));
     }
 
-    // An inactive unit costs nothing; a bypassed one only passes its buffer on.
-    int cost = qRound(traits.baseCost * costScale[unit]);
+    // An inactive unit costs nothing; a bypassed one only passes its buffer
+    // on, a microsecond at full price.
+    float fullPrice = traits.baseCost * costScale[unit];
     if (!record.active)
-        cost = 0;
+        fullPrice = 0.0f;
     else if (record.bypass)
-        cost = 1;
+        fullPrice = 1.0f;
+    const int cost = static_cast<int>(fullPrice * loadScale + roundingOffset(unit, loadScale < 1.0f));
     record.exclusiveUsage = static_cast<quint16>(qBound(0, cost, 65535));
 }
 
@@ -261,8 +297,7 @@ void SimEngine::refreshTotals()
         if (channels[slot].playing)
             total += network.units[layout.channelUnits[slot]].exclusiveUsage;
     }
-    const float blockMicroseconds = static_cast<float>(network.timingLength) * 1000000.0f / network.timingRate;
-    network.cpuUsage = static_cast<float>(total) / blockMicroseconds;
+    network.cpuUsage = static_cast<float>(total) / blockMicroseconds(network);
 
     figures.dsp = network.cpuUsage * 100.0f;
     figures.stream = streamLoad.value;

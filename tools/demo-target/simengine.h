@@ -61,6 +61,7 @@ private:
         float loudness = -18.0f; // dB
     };
 
+    float budgetScale() const;
     int attachPointWithRoom(int first) const;
     void startChannel(int slot, int steps);
     void stopChannel(int slot);
@@ -77,6 +78,7 @@ private:
     QVector<Channel> channels;
     QVector<float> levelDb; // drifting level per unit
     QVector<float> costScale; // drifting cost factor per unit
+    float loadScale = 1.0f; // what the whole network's costs are scaled by to fit its budget
     QHash<quint64, int> unitById;
     int numFixedUnits = 0;
     int numPlaying = 0;
