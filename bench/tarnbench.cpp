@@ -1,15 +1,18 @@
 // Times each stage of one update of the profiler, from the bytes off the
 // socket to the painted views, for networks of growing size and awkward
-// shape, and prints one table with the goals checked underneath.
+// shape, then the whole window replaying a recorded session of the
+// simulated game, and prints one table with the goals checked underneath.
 
 #include "benchcases.h"
 #include "benchtable.h"
 #include "dspnetgraph.h"
 #include "dspnettree.h"
 #include "linegraph.h"
+#include "livereplay.h"
 #include "profilernetwork.h"
 
 #include <QApplication>
+#include <QFileInfo>
 #include <QPainter>
 #include <QRegion>
 
@@ -21,12 +24,16 @@
 #include <cstring>
 #include <string>
 
+#include <unistd.h>
+
 using DSPShapes::DSPShape;
 
 namespace
 {
 
 const double UpdatePeriodSeconds = 0.1;
+// The same game every time, so that runs on different days replay the same session.
+const quint64 LiveSeed = 1;
 const QColor ViewBackground(49, 56, 64);
 
 enum class Stage
@@ -262,7 +269,43 @@ QString periodText(double seconds)
     return QString::number(percent, 'f', percent < 1.0 ? 3 : 1) + QLatin1Char('%');
 }
 
-QString printTable(const MinimumTimeReporter& reporter)
+using LiveResults = QVector<LiveReplay::Result>;
+
+double liveNetSeconds(const LiveReplay::Result& live, const LiveReplay::Replay& replay)
+{
+    return qMax(0.0, replay.cpuSeconds - live.capture.readCpuSeconds);
+}
+
+// CPU per 100 ms of the recorded game: what a live session pays each period.
+double livePeriodSeconds(const LiveReplay::Result& live)
+{
+    const double periods = double(live.capture.spanUs) / 1e6 / UpdatePeriodSeconds;
+    return periods > 0.0 ? liveNetSeconds(live, live.paced) / periods : -1.0;
+}
+
+double liveUpdateSeconds(const LiveReplay::Result& live)
+{
+    return liveNetSeconds(live, live.fast) / live.capture.dspPackets;
+}
+
+void addLiveRows(TextTable* table, const LiveResults& liveResults)
+{
+    for (const LiveReplay::Result& live : liveResults) {
+        if (!live.error.isEmpty())
+            continue;
+        const QString network = QStringLiteral("demo target %1 (%2 B)")
+                                    .arg(live.capture.units)
+                                    .arg(live.capture.dspBytes / live.capture.dspPackets);
+        const double period = livePeriodSeconds(live);
+        const double update = liveUpdateSeconds(live);
+        table->addRow({ network, QStringLiteral("window, replay at recorded pace: CPU per 100 ms"),
+                        formatDuration(period), QStringLiteral("-"), periodText(period) });
+        table->addRow({ network, QStringLiteral("window, replay at full speed: CPU per DSP update"),
+                        formatDuration(update), QStringLiteral("-"), periodText(update) });
+    }
+}
+
+QString printTable(const MinimumTimeReporter& reporter, const LiveResults& liveResults)
 {
     TextTable table({ QStringLiteral("network (DSP packet bytes)"), QStringLiteral("stage"), QStringLiteral("time"),
                       QStringLiteral("x memcpy"), QStringLiteral("of 100 ms") });
@@ -278,6 +321,7 @@ QString printTable(const MinimumTimeReporter& reporter)
                            ratioText(seconds, floor), periodText(seconds) });
         }
     }
+    addLiveRows(&table, liveResults);
     const double lineSeconds = reporter.getSeconds("LineGraphs/update");
     if (lineSeconds >= 0.0) {
         const double floor = reporter.getSeconds("LineGraphs/memcpy");
@@ -412,19 +456,99 @@ QString printGoals(const MinimumTimeReporter& reporter)
     return text;
 }
 
-// Takes "--repetitions=N" out of the arguments before Google Benchmark sees them.
-int takeRepetitions(int* argc, char** argv)
+QString replayNote(const LiveReplay::Replay& replay, int dspPackets)
+{
+    return QStringLiteral("%1 s wall, %2 s CPU, %3 graph paints for %4 DSP packets, %5 line graph paints, "
+                          "longest stall %6 ms (99th percentile %7 ms)")
+        .arg(replay.wallSeconds, 0, 'f', 1)
+        .arg(replay.cpuSeconds, 0, 'f', 2)
+        .arg(replay.graphPaints)
+        .arg(dspPackets)
+        .arg(replay.lineGraphPaints)
+        .arg(replay.longestStallMs, 0, 'f', 1)
+        .arg(replay.p99StallMs, 0, 'f', 1);
+}
+
+QString printLiveNotes(const LiveResults& liveResults)
+{
+    QString text;
+    for (const LiveReplay::Result& live : liveResults) {
+        const LiveReplay::Recording& capture = live.capture;
+        if (!live.error.isEmpty()) {
+            text += QStringLiteral("live %1: not measured: %2\n").arg(capture.units).arg(live.error);
+            continue;
+        }
+        text += QStringLiteral("live %1: %2 (%3), %4 s of the game, %5 packets of which %6 DSP, %7 MB received, "
+                               "%8 MB on disk; reading the file took %9 s CPU, taken off both rows\n")
+                    .arg(capture.units)
+                    .arg(QFileInfo(capture.fileName).fileName(),
+                         capture.recordedNow ? QStringLiteral("recorded now") : QStringLiteral("kept from before"))
+                    .arg(double(capture.spanUs) / 1e6, 0, 'f', 1)
+                    .arg(capture.packets)
+                    .arg(capture.dspPackets)
+                    .arg(double(capture.rawBytes) / 1e6, 0, 'f', 1)
+                    .arg(double(capture.fileBytes) / 1e6, 0, 'f', 1)
+                    .arg(capture.readCpuSeconds, 0, 'f', 3);
+        text += QStringLiteral("live %1: recorded pace: %2\n")
+                    .arg(capture.units)
+                    .arg(replayNote(live.paced, capture.dspPackets));
+        text += QStringLiteral("live %1: full speed: %2\n")
+                    .arg(capture.units)
+                    .arg(replayNote(live.fast, capture.dspPackets));
+    }
+    return text;
+}
+
+struct BenchOptions
 {
     int repetitions = 5;
+    QVector<int> liveUnits = { 10000, 50000, 100000 };
+};
+
+// "--live=10000,50000" or "--live=none"; false for anything else.
+bool parseLiveUnits(const char* text, QVector<int>* units)
+{
+    units->clear();
+    const QString list = QString::fromLocal8Bit(text);
+    if (list == QLatin1String("none"))
+        return true;
+    for (const QString& item : list.split(QLatin1Char(','))) {
+        bool ok = false;
+        const int value = item.toInt(&ok);
+        if (!ok || value < 1 || value > 100000)
+            return false;
+        units->append(value);
+    }
+    return true;
+}
+
+// Takes this program's own options out of the arguments before Google
+// Benchmark sees them. A filter picks benchmarks by name: the live replays
+// then run only when asked for by --live.
+bool takeOptions(int* argc, char** argv, BenchOptions* options)
+{
+    bool liveGiven = false;
+    bool filtered = false;
     int kept = 1;
     for (int i = 1; i < *argc; ++i) {
-        if (std::strncmp(argv[i], "--repetitions=", 14) == 0)
-            repetitions = qMax(1, std::atoi(argv[i] + 14));
-        else
+        if (std::strncmp(argv[i], "--repetitions=", 14) == 0) {
+            options->repetitions = qMax(1, std::atoi(argv[i] + 14));
+        } else if (std::strncmp(argv[i], "--live=", 7) == 0) {
+            liveGiven = true;
+            if (!parseLiveUnits(argv[i] + 7, &options->liveUnits)) {
+                std::fputs("tarn-bench: --live takes unit counts like 10000,50000 (at most 100000) or none\n",
+                           stderr);
+                return false;
+            }
+        } else {
+            filtered = filtered || std::strncmp(argv[i], "--benchmark_filter=", 19) == 0;
             argv[kept++] = argv[i];
+        }
     }
+    if (filtered && !liveGiven)
+        options->liveUnits.clear();
     *argc = kept;
-    return repetitions;
+    return true;
 }
 
 } // namespace
@@ -434,7 +558,10 @@ int main(int argc, char** argv)
     // Painting needs no display; the offscreen platform draws the same pixels.
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
-    const int repetitions = takeRepetitions(&argc, argv);
+    BenchOptions options;
+    if (!takeOptions(&argc, argv, &options))
+        return 2;
+    const int repetitions = options.repetitions;
     QApplication application(argc, argv);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
@@ -444,9 +571,21 @@ int main(int argc, char** argv)
     MinimumTimeReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
 
-    const QString table = printTable(reporter);
-    const QString goals = printGoals(reporter);
-    std::printf("CPU time per update stage, fastest of %d repetitions\n", repetitions);
+    // After the stages, one size at a time: each window holds a large network.
+    LiveResults liveResults;
+    for (int units : qAsConst(options.liveUnits)) {
+        if (isatty(STDERR_FILENO))
+            std::fprintf(stderr, "\r\033[Klive %d: recording or replaying...", units);
+        liveResults.append(LiveReplay::run(units, LiveSeed));
+    }
+    if (isatty(STDERR_FILENO) && !liveResults.isEmpty())
+        std::fputs("\r\033[K", stderr);
+
+    const QString table = printTable(reporter, liveResults);
+    const QString goals = printGoals(reporter) + printLiveNotes(liveResults);
+    std::printf("CPU time per update stage, fastest of %d repetitions (the window rows: one replay each, "
+                "process CPU time)\n",
+                repetitions);
     std::fputs(qPrintable(table), stdout);
     std::fputs("\n", stdout);
     std::fputs(qPrintable(goals), stdout);
