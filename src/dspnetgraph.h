@@ -30,6 +30,9 @@ class QTimer;
 struct DSPNetGraphicalNode
 {
     QString name;
+    // The model's name `name` was made from: while the model keeps it, so
+    // does the view, without looking at its characters again.
+    QString sourceName;
     QPoint position;
     unsigned long long id = 0;
     unsigned long long groupId = 0;
@@ -238,7 +241,6 @@ private:
     // boxes stand and only the figures of the placed units are copied. The
     // model itself refuses such an update once its table was edited by hand.
     QVector<const DSPNode*> placedSources;
-    QVector<QString> placedSourceNames;
     QVector<FinishedUnit> finishedUnits;
     // The drawn inputs of every unit on the layout's path, one stack for
     // all of them instead of a list per unit.

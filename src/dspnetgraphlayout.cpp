@@ -58,11 +58,22 @@ QString displayName(const QString& name)
     return QString(name).replace(QLatin1Char(':'), QLatin1String(": "));
 }
 
+// The model keeps a unit's name string while the name is unchanged, so the
+// display name stands; an equal name read anew is only remembered.
+void updateDisplayName(DSPNetGraphicalNode* graphical, const QString& name)
+{
+    if (name.isSharedWith(graphical->sourceName))
+        return;
+    if (name != graphical->sourceName)
+        graphical->name = displayName(name);
+    graphical->sourceName = name;
+}
+
 // Sets every field, so a placed unit left from the last layout becomes
 // exactly a new one while keeping the room its lists have.
 void setGraphicalNode(DSPNetGraphicalNode* graphical, const DSPNode* node, QPoint position)
 {
-    graphical->name = displayName(node->name);
+    updateDisplayName(graphical, node->name);
     graphical->position = position;
     graphical->id = node->id;
     graphical->groupId = node->groupId;
@@ -162,11 +173,7 @@ void DSPNetGraph::updateLayoutInPlace()
         prefetchPlacedUnit(i + Prefetch::Distance);
         const DSPNode* node = placedSources.at(i);
         DSPNetGraphicalNode& graphical = nodeList[i];
-        // The model keeps a unit's name string while its name is unchanged.
-        if (!node->name.isSharedWith(placedSourceNames.at(i))) {
-            placedSourceNames[i] = node->name;
-            graphical.name = displayName(node->name);
-        }
+        updateDisplayName(&graphical, node->name);
         graphical.bypass = node->bypass;
         graphical.inclusiveCPU = node->inclusiveCPU;
         graphical.exclusiveCPU = node->exclusiveCPU;
@@ -229,14 +236,12 @@ void DSPNetGraph::resetLayout()
     ellipsisPoints.clear();
     placements.startPass(tree->nodesById.size());
     placedSources.clear();
-    placedSourceNames.clear();
     finishedUnits.clear();
     // Sized for the whole network up front instead of growing step by step.
     const int units = tree->nodesById.size();
     placedTable.reserve(units);
     nodeList.reserve(units);
     placedSources.reserve(units);
-    placedSourceNames.reserve(units);
     finishedUnits.reserve(units);
     standardLines.reserve(units);
     hiddenVisited.clear();
@@ -366,7 +371,6 @@ void DSPNetGraph::placeNode(const DSPNode* node, QPoint position)
         nodeList.append(DSPNetGraphicalNode());
     setGraphicalNode(&nodeList[placedCount++], node, position);
     placedSources.append(node);
-    placedSourceNames.append(node->name);
     if (node->groupId != 0) {
         addToGroupBox(node->groupId, QRect(position.x() - GroupInset, position.y() - GroupInset,
                                            NodeWidth + 2 * GroupInset,

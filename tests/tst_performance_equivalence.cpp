@@ -528,6 +528,32 @@ private slots:
                  qPrintable(QStringLiteral("%1 in place, %2 rebuilt").arg(inPlace).arg(rebuilt)));
     }
 
+    // A layout keeps the display names its units already have; every placed unit must still
+    // show what converting its model unit afresh gives, through rebuilds, updates in place and renamings.
+    void reusedUnitsMatchTheirModel()
+    {
+        QRandomGenerator random(4242);
+        ModelAndView running(false, false);
+        SimNetwork network;
+        int version = 6;
+        for (int update = 0; update < 400; ++update) {
+            if (update % 20 == 0) {
+                network = randomNetwork(random);
+                version = random.bounded(7);
+            }
+            driftValues(&network, random);
+            if (random.bounded(3) == 0)
+                changeNetwork(&network, random);
+            running.network.receiveBytes(PacketEncoder::encodeDSP(network, version));
+            const DSPNetGraph& graph = running.graph;
+            QCOMPARE(graph.placedSources.size(), graph.nodeList.size());
+            for (int i = 0; i < graph.nodeList.size(); ++i) {
+                const DSPNode* unit = graph.placedSources.at(i);
+                QCOMPARE(graph.nodeList.at(i).name, QString(unit->name).replace(':', QLatin1String(": ")));
+            }
+        }
+    }
+
     void rebuildMatchesFreshModel_data()
     {
         QTest::addColumn<QByteArrayList>("packets");
@@ -587,7 +613,7 @@ private slots:
         if (edit == 1)
             running.tree.groups.constFirst()->name = "edited"; // the list itself stays shared
         if (edit == 2)
-            delete running.tree.groups.takeLast();
+            running.tree.groups.removeLast();
         if (edit == 3)
             running.network.receiveBytes(PacketEncoder::encodeGroups(randomNetwork(random)));
         running.network.receiveBytes(groups);
