@@ -16,6 +16,7 @@
 #include <QRectF>
 #include <QSet>
 #include <QString>
+#include <QVarLengthArray>
 #include <QVector>
 #include <QWidget>
 
@@ -25,6 +26,23 @@ class QMouseEvent;
 class QPaintEvent;
 class QPainter;
 class QTimer;
+
+// A unit's meter levels, held as the model's bytes (signed dB) and turned
+// into meter heights (0 at -80 dB, 1 at full scale) only when read: a layout
+// copies a few bytes per unit, and only the units painted pay for floats.
+class DSPMeterLevels
+{
+public:
+    int size() const { return bytes.size(); }
+    float at(int i) const { return static_cast<signed char>(bytes.at(i)) / 80.0f + 1.0f; }
+    QList<float> toList() const;
+    void assign(const QVector<char>& levels);
+    bool operator==(const QList<float>& values) const { return toList() == values; }
+
+private:
+    // Room for all the levels a record can carry, inside the unit.
+    QVarLengthArray<char, 32> bytes;
+};
 
 // One placed unit, copied out of the model so that painting never touches it.
 struct DSPNetGraphicalNode
@@ -41,7 +59,7 @@ struct DSPNetGraphicalNode
     bool bypass = false;
     float inclusiveCPU = 0.0f;
     float exclusiveCPU = 0.0f;
-    QList<float> levels;
+    DSPMeterLevels levels;
 };
 
 // One channel-group box.

@@ -3,6 +3,7 @@
 #include "dspnetgraphgeometry.h"
 #include "prefetch.h"
 
+#include <algorithm>
 #include <vector>
 
 using namespace DSPNetGraphGeometry;
@@ -19,33 +20,6 @@ const int MaxStaleSendPasses = 16;
 int placementKey(unsigned long long id)
 {
     return static_cast<int>(static_cast<quint32>(id));
-}
-
-// The levels arrive as signed dB (-80 to +10); the meters want 0 at -80 dB
-// and 1 at full scale.
-float meterLevel(char level)
-{
-    return static_cast<signed char>(level) / 80.0f + 1.0f;
-}
-
-QList<float> meterLevels(const QVector<char>& levels)
-{
-    QList<float> values;
-    values.reserve(levels.size());
-    for (char level : levels)
-        values.append(meterLevel(level));
-    return values;
-}
-
-// Overwrites the meter values in place when their number is unchanged.
-void updateMeterLevels(QList<float>* values, const QVector<char>& levels)
-{
-    if (values->size() != levels.size()) {
-        *values = meterLevels(levels);
-        return;
-    }
-    for (int i = 0; i < levels.size(); ++i)
-        (*values)[i] = meterLevel(levels.at(i));
 }
 
 // A space after each colon gives word wrapping a place to break.
@@ -82,7 +56,7 @@ void setGraphicalNode(DSPNetGraphicalNode* graphical, const DSPNode* node, QPoin
     graphical->bypass = node->bypass;
     graphical->inclusiveCPU = node->inclusiveCPU;
     graphical->exclusiveCPU = node->exclusiveCPU;
-    updateMeterLevels(&graphical->levels, node->levels);
+    graphical->levels.assign(node->levels);
 }
 
 int connectionEndY(int parentY, unsigned int index, unsigned int count)
@@ -96,6 +70,23 @@ QPoint nodeCentre(const DSPNetGraphicalNode& node)
 }
 
 } // namespace
+
+QList<float> DSPMeterLevels::toList() const
+{
+    QList<float> values;
+    values.reserve(bytes.size());
+    for (int i = 0; i < bytes.size(); ++i)
+        values.append(at(i));
+    return values;
+}
+
+// Copied into the room already there: most units keep their number of levels.
+void DSPMeterLevels::assign(const QVector<char>& levels)
+{
+    if (bytes.size() != levels.size())
+        bytes.resize(levels.size());
+    std::copy_n(levels.constData(), levels.size(), bytes.data());
+}
 
 // One unit on the way down the layout: what processNodes() keeps on the
 // stack of a recursive walk, held in a vector so that a network as deep as
@@ -177,21 +168,20 @@ void DSPNetGraph::updateLayoutInPlace()
         graphical.bypass = node->bypass;
         graphical.inclusiveCPU = node->inclusiveCPU;
         graphical.exclusiveCPU = node->exclusiveCPU;
-        updateMeterLevels(&graphical.levels, node->levels);
+        graphical.levels.assign(node->levels);
     }
     findSelectedUnit();
     laidValueSerial = tree->getValueSerial();
 }
 
-// The unit, its level list and its meter list are asked for ahead; the
-// unit asked for half the distance ago has arrived, so the address of its
-// level list can be read without waiting.
+// The unit and its level list are asked for ahead; the unit asked for half
+// the distance ago has arrived, so the address of its level list can be
+// read without waiting.
 void DSPNetGraph::prefetchPlacedUnit(int i) const
 {
     if (i >= nodeList.size())
         return;
     Prefetch::object(placedSources.at(i));
-    Prefetch::block(nodeList.at(i).levels);
     Prefetch::block(placedSources.at(i - Prefetch::Distance / 2)->levels);
 }
 

@@ -343,13 +343,12 @@ void DSPNetGraph::drawConnections(QPainter* painter, const QRectF& visible)
 // O(N) here.
 void DSPNetGraph::indexForPainting()
 {
-    // The meter lists and the group names lie all over the heap: each is
-    // asked for ahead, or their counts would stall the pass once per item.
+    // The group names lie all over the heap: each is asked for ahead, or
+    // their sizes would stall the pass once per box. A unit's meter levels
+    // lie inside it.
     const int units = nodeList.size();
     unitIndex.start(units);
     for (int i = 0; i < units; ++i) {
-        if (i + Prefetch::Distance < units)
-            Prefetch::block(nodeList.at(i + Prefetch::Distance).levels);
         const DSPNetGraphicalNode& node = nodeList.at(i);
         // Sixteen meters or fewer fit in the box.
         if (node.levels.size() > 16) {

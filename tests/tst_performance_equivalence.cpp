@@ -223,7 +223,7 @@ QStringList layoutDigest(const DSPNetGraph& graph)
         out << qSetRealNumberPrecision(9);
         for (const DSPNetGraphicalNode& node : graph.nodeList)
             out << node.name << node.position << node.id << node.groupId << node.sendTargetId << node.active
-                << node.bypass << node.inclusiveCPU << node.exclusiveCPU << node.levels << '\n';
+                << node.bypass << node.inclusiveCPU << node.exclusiveCPU << node.levels.toList() << '\n';
         out << graph.standardLines << graph.sendLines << graph.sidechainLines << graph.sendSidechainLines
             << graph.ellipsisPoints << graph.maxX << graph.maxY;
         for (const DSPGroupGraphicalNode& group : graph.groupList)
@@ -528,7 +528,7 @@ private slots:
                  qPrintable(QStringLiteral("%1 in place, %2 rebuilt").arg(inPlace).arg(rebuilt)));
     }
 
-    // A layout keeps the display names its units already have; every placed unit must still
+    // A layout keeps the display names and meter bytes its units already have; every placed unit must still
     // show what converting its model unit afresh gives, through rebuilds, updates in place and renamings.
     void reusedUnitsMatchTheirModel()
     {
@@ -549,7 +549,11 @@ private slots:
             QCOMPARE(graph.placedSources.size(), graph.nodeList.size());
             for (int i = 0; i < graph.nodeList.size(); ++i) {
                 const DSPNode* unit = graph.placedSources.at(i);
+                QList<float> meters;
+                for (char level : unit->levels)
+                    meters.append(qint8(level) / 80.0f + 1.0f);
                 QCOMPARE(graph.nodeList.at(i).name, QString(unit->name).replace(':', QLatin1String(": ")));
+                QCOMPARE(graph.nodeList.at(i).levels.toList(), meters);
             }
         }
     }
