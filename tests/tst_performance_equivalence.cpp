@@ -617,7 +617,7 @@ private slots:
         if (edit == 1)
             running.tree.groups.constFirst()->name = "edited"; // the list itself stays shared
         if (edit == 2)
-            running.tree.groups.removeLast();
+            delete running.tree.groups.takeLast();
         if (edit == 3)
             running.network.receiveBytes(PacketEncoder::encodeGroups(randomNetwork(random)));
         running.network.receiveBytes(groups);
