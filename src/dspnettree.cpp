@@ -387,7 +387,8 @@ void DSPTree::takeRecord(DSPNode* node, const char* record, int childCount)
     node->inclusiveCPU = 0.0f;
     node->exclusiveCPU = 0.0f;
     node->depth = -1;
-    node->levels.resize(scratch.levels.size());
+    if (node->levels.size() != scratch.levels.size())
+        node->levels.resize(scratch.levels.size());
     std::copy_n(scratch.levels.constData(), scratch.levels.size(), node->levels.data());
     node->inputs.clear();
     // The walk before the rebuild checked that this many records follow.

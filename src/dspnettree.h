@@ -136,6 +136,7 @@ private:
     bool updateInPlace(const QByteArray& packet, int version, int firstRecord);
     bool stageValues(const QByteArray& packet, int version, int firstRecord);
     void clearScratch();
+    void stageLevels();
     void applyStagedValues(int version);
     void sumInclusiveUsage();
     template <typename Visit>
@@ -167,6 +168,8 @@ private:
     int shapeUnitCount = 0;
     QVector<StagedValues> staged;
     QVector<char> stagedLevels;
+    // How much of stagedLevels the packet being staged has filled.
+    int stagedLevelCount = 0;
     DSPNode scratch;
     DSPRecords::UnitIdSet unitIds;
 

@@ -41,7 +41,7 @@ bool DSPTree::stageValues(const QByteArray& packet, int version, int firstRecord
     const char* end = cursor + qint64(shapeRecords.size()) * size;
     const char* previous = shapePacket.constData() + shapeFirstRecord;
     staged.clear();
-    stagedLevels.clear();
+    stagedLevelCount = 0;
     const int count = shapeRecords.size();
     for (int i = 0; i < count; ++i) {
         if (i + Prefetch::Distance < count)
@@ -63,24 +63,33 @@ bool DSPTree::stageValues(const QByteArray& packet, int version, int firstRecord
             || scratch.sendTargetId != node->sendTargetId || scratch.active != node->active) {
             return false;
         }
-        staged.append({ shape.node, record, scratch.exclusiveUsage, stagedLevels.size(), scratch.levels.size(),
+        staged.append({ shape.node, record, scratch.exclusiveUsage, stagedLevelCount, scratch.levels.size(),
                         scratch.bypass, !sameRecordName(record, previousRecord, version) });
-        // Copied, not appended as a vector: appending a whole vector to an
-        // empty one shares it, and the next record would copy it.
-        const int levelStart = stagedLevels.size();
-        stagedLevels.resize(levelStart + scratch.levels.size());
-        std::copy_n(scratch.levels.constData(), scratch.levels.size(), stagedLevels.data() + levelStart);
+        stageLevels();
     }
     return true;
 }
 
-// Resets the record scratch unit, keeping the room its levels have.
+// Resets the record scratch unit but for its level list, which every
+// record sets anew: kept at its size, it is mostly not resized at all.
 void DSPTree::clearScratch()
 {
     QVector<char> levels = std::move(scratch.levels);
-    levels.clear();
     scratch = DSPNode();
     scratch.levels = std::move(levels);
+}
+
+// Copies the scratch unit's levels behind those staged so far. The list
+// grows by doubling and is never cut: resized once per record, its size
+// would be adjusted, and checked for sharing, for every unit of every update.
+void DSPTree::stageLevels()
+{
+    const int start = stagedLevelCount;
+    const int end = start + scratch.levels.size();
+    if (end > stagedLevels.size())
+        stagedLevels.resize(qMax(end, 2 * stagedLevels.size()));
+    std::copy_n(scratch.levels.constData(), scratch.levels.size(), stagedLevels.data() + start);
+    stagedLevelCount = end;
 }
 
 void DSPTree::applyStagedValues(int version)

@@ -3,6 +3,7 @@
 #include "dspnettree.h"
 #include "packetreader.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -76,14 +77,24 @@ char levelFromFloat(float level)
     return static_cast<char>(whole);
 }
 
+// Gives the unit `count` levels and returns them to be written. The unit is
+// the scratch record of a walk, whose list keeps its size from record to
+// record: most records carry as many levels as the one before.
+char* setLevelCount(DSPNode* node, int count)
+{
+    if (node->levels.size() != count)
+        node->levels.resize(count);
+    return node->levels.data();
+}
+
 void readFloatLevels(PacketReader& in, int count, DSPNode* node)
 {
     const int used = qMin(count, LevelSlots);
-    node->levels.reserve(used);
+    char* levels = setLevelCount(node, used);
     for (int slot = 0; slot < LevelSlots; ++slot) {
         const float level = in.f32BigEndian();
         if (slot < used)
-            node->levels.append(levelFromFloat(level));
+            levels[slot] = levelFromFloat(level);
     }
 }
 
@@ -94,13 +105,12 @@ void readByteLevels(PacketReader& in, int count, DSPNode* node)
     if (!field)
         return;
     // The levels are already the bytes the meters want; copied in one go.
-    const int start = node->levels.size();
-    node->levels.resize(start + used);
-    std::memcpy(node->levels.data() + start, field, size_t(used));
+    std::memcpy(setLevelCount(node, used), field, size_t(used));
 }
 
 void decodeRecordV0V1(PacketReader& in, int version, DSPNode* node, RecordPlace* place)
 {
+    setLevelCount(node, 0);
     node->id = readUnitId(in, true);
     in.skip(NameWidth);
     place->childCount = readChildCount(in, false);
@@ -132,7 +142,8 @@ void decodeRecordV2V3(PacketReader& in, int version, DSPNode* node, RecordPlace*
     }
     // These targets only say how many channels there are.
     in.skip(10);
-    node->levels.fill(SilentLevel, qMin(levelCount, LevelSlots));
+    const int used = qMin(levelCount, LevelSlots);
+    std::fill_n(setLevelCount(node, used), used, SilentLevel);
 }
 
 void decodeRecordV4V5(PacketReader& in, int version, DSPNode* node, RecordPlace* place)
