@@ -294,19 +294,7 @@ bool CaptureWriterWorker::writeRecord(Capture::Record& record)
     const int payload = frame.size();
     frame.append(record.bytes);
     record.bytes = QByteArray(); // the queue's copy can go now
-    switch (record.kind) {
-    case Capture::RecordKind::Received:
-        delta.encode(frame.data() + payload, frame.size() - payload);
-        break;
-    case Capture::RecordKind::Connected:
-        delta.startStream();
-        break;
-    case Capture::RecordKind::Disconnected:
-        delta.endStream();
-        break;
-    case Capture::RecordKind::Sent:
-        break;
-    }
+    delta.follow(record.kind, frame.data() + payload, frame.size() - payload, true);
     return true;
 }
 
@@ -642,19 +630,7 @@ bool CaptureReaderState::readRecord(Capture::Record& record)
     record.kind = Capture::RecordKind(kind);
     record.bytes = QByteArray(frame.constData() + framePosition, int(length));
     framePosition += int(length);
-    switch (record.kind) {
-    case Capture::RecordKind::Received:
-        delta.decode(record.bytes.data(), record.bytes.size());
-        break;
-    case Capture::RecordKind::Connected:
-        delta.startStream();
-        break;
-    case Capture::RecordKind::Disconnected:
-        delta.endStream();
-        break;
-    case Capture::RecordKind::Sent:
-        break;
-    }
+    delta.follow(record.kind, record.bytes.data(), record.bytes.size(), false);
     // Hold one frame at a time: the last record's bytes are its own copy.
     if (framePosition >= frame.size())
         frame.clear();

@@ -75,6 +75,23 @@ void StreamDelta::endStream()
     passThrough = true;
 }
 
+void StreamDelta::follow(Capture::RecordKind kind, char* data, int size, bool encoding)
+{
+    switch (kind) {
+    case Capture::RecordKind::Received:
+        transform(data, size, encoding);
+        break;
+    case Capture::RecordKind::Connected:
+        startStream();
+        break;
+    case Capture::RecordKind::Disconnected:
+        endStream();
+        break;
+    case Capture::RecordKind::Sent:
+        break;
+    }
+}
+
 void StreamDelta::transform(char* data, int size, bool encoding)
 {
     int position = 0;

@@ -46,8 +46,9 @@ public:
     void startStream();
     // Bytes after a disconnection belong to no stream we can frame.
     void endStream();
-    void encode(char* data, int size) { transform(data, size, true); }
-    void decode(char* data, int size) { transform(data, size, false); }
+    // One record's effect, the same for writer and reader: received bytes
+    // pass through the coder, connection markers start or end a stream.
+    void follow(Capture::RecordKind kind, char* data, int size, bool encoding);
 
 private:
     void transform(char* data, int size, bool encoding);
