@@ -3,6 +3,7 @@
 
 #include <QImage>
 #include <QPainter>
+#include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QtTest>
 
@@ -28,50 +29,38 @@ class TestLineGraph : public QObject
     Q_OBJECT
 
 private slots:
-    void lineSamples();
-    void lineMaximum_data();
-    void lineMaximum();
+    void lineWindowAndMaximum();
     void groupScale();
     void painting();
     void graphPaintsGroupsOverBackground();
 };
 
-void TestLineGraph::lineSamples()
+// Random samples, with repeats, negatives and NaN, against the plain
+// window of the last 500 and its largest value (never below 0).
+void TestLineGraph::lineWindowAndMaximum()
 {
     LineValues line;
     QCOMPARE(line.getValues(), repeated(0.0f, 500));
     QSignalSpy spy(&line, &LineValues::dataChanged);
-    feed(&line, QList<float>{1.0f, 2.0f, 3.0f} + repeated(4.0f, 498));
-    QCOMPARE(line.getValues(), (QList<float>{2.0f, 3.0f} + repeated(4.0f, 498)));
+    QList<float> window = line.getValues();
+    QRandomGenerator random(7);
+    for (int i = 0; i < 1500; ++i) {
+        // The last 500 are never positive: the maximum must fall back to 0.
+        const int pick = random.bounded(-3, 12);
+        const float sample = i >= 1000 ? -float(qAbs(pick)) : pick == 11 ? float(qQNaN()) : float(pick);
+        line.addValue(sample);
+        window = window.mid(1) << sample;
+        float maximum = 0.0f;
+        for (float value : qAsConst(window))
+            maximum = value > maximum ? value : maximum;
+        QCOMPARE(line.getMaximum(), maximum);
+    }
+    QCOMPARE(line.getValues(), window);
     // Only a change of state is announced.
     line.setActive(true);
     line.setActive(true);
     line.setActive(false);
-    QCOMPARE(spy.count(), 503);
-}
-
-void TestLineGraph::lineMaximum_data()
-{
-    QTest::addColumn<QList<float>>("samples");
-    QTest::addColumn<float>("maximum");
-
-    QTest::newRow("nothing fed") << QList<float>() << 0.0f;
-    QTest::newRow("7.0 twice, first left") << (QList<float>{7.0f, 7.0f} + repeated(0.0f, 499)) << 7.0f;
-    QTest::newRow("7.0 twice, both left") << (QList<float>{7.0f, 7.0f} + repeated(0.0f, 500)) << 0.0f;
-    QTest::newRow("rescan finds next") << (QList<float>{9.0f, 4.0f} + repeated(1.0f, 499)) << 4.0f;
-    QTest::newRow("never negative") << QList<float>{-3.0f, -1.0f} << 0.0f;
-    QTest::newRow("negative after peak left") << (QList<float>{2.0f} + repeated(-1.0f, 500)) << 0.0f;
-    QTest::newRow("NaN ignored") << QList<float>{float(qQNaN()), 2.0f, float(qQNaN())} << 2.0f;
-}
-
-void TestLineGraph::lineMaximum()
-{
-    QFETCH(QList<float>, samples);
-    QFETCH(float, maximum);
-
-    LineValues line;
-    feed(&line, samples);
-    QCOMPARE(line.getMaximum(), maximum);
+    QCOMPARE(spy.count(), 1502);
 }
 
 void TestLineGraph::groupScale()

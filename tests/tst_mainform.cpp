@@ -62,7 +62,7 @@ QStringList cutControls(const MainForm& window)
         if (widget->width() <= 0 || widget->height() <= 0)
             problems << name + QStringLiteral(" has no size");
         else if (visiblePart(widget).size() != widget->size())
-            problems << name + QStringLiteral(" is cut off (%1,%2 %3x%4 in %5)").arg(widget->x()).arg(widget->y()).arg(widget->width()).arg(widget->height()).arg(QString::fromLatin1(widget->parentWidget()->metaObject()->className()));
+            problems << name + QStringLiteral(" is cut off at %1,%2").arg(widget->x()).arg(widget->y());
         if (widget->width() < widget->minimumSizeHint().width() && !dynamic_cast<const ProfilerSimpleLabel*>(widget)
             && !qobject_cast<const QLabel*>(widget))
             problems << name + QStringLiteral(" is squeezed below its minimum");
@@ -115,7 +115,6 @@ class TestMainForm : public QObject
 
 private slots:
     void opensAtDefaultSizeWithEveryControlWhole();
-    void longStatusTextDoesNotWidenTheWindow();
     void wideWindowKeepsOneOptionRow();
     void scaleLabelsOnFirstPaint();
 };
@@ -151,20 +150,15 @@ void TestMainForm::opensAtDefaultSizeWithEveryControlWhole()
         const QStringList elided = elidedFigures(window, tabs);
         QVERIFY2(elided.isEmpty(), qPrintable(elided.join(QStringLiteral("; "))));
     }
-}
 
-void TestMainForm::longStatusTextDoesNotWidenTheWindow()
-{
-    MainForm window;
-    showAt(window, DefaultSize);
+    // A long status text is cut in the label, not given more room.
     const QString text = QStringLiteral("Connected. (Incompatible version detected, reduced functionality) "
                                         "Connected. (Old version detected, reduced functionality)");
     window.profilerForm->slotStatusChanged(text);
     QTest::qWait(50);
     QCOMPARE(window.size(), DefaultSize);
     QVERIFY(window.minimumSizeHint().width() <= DefaultSize.width());
-    auto* status = window.findChild<QLabel*>(QStringLiteral("statusLabel"));
-    QCOMPARE(status->text(), text);
+    QCOMPARE(window.findChild<QLabel*>(QStringLiteral("statusLabel"))->text(), text);
     const QStringList cut = cutControls(window);
     QVERIFY2(cut.isEmpty(), qPrintable(cut.join(QStringLiteral("; "))));
 }
