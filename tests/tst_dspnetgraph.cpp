@@ -1,31 +1,30 @@
-#include "dspnetgraph.h"
-#include "dspnettree.h"
-#include "loopbacktarget.h"
+#include "dspfixture.h"
 #include "packetbuilder.h"
-#include "profilernetwork.h"
+#include "profilerdspnetgraph.h"
 
 #include <QApplication>
-#include <QElapsedTimer>
-#include <QImage>
+#include <QCheckBox>
+#include <QFileDialog>
+#include <QGroupBox>
 #include <QImageReader>
+#include <QLayout>
+#include <QLineEdit>
 #include <QMenu>
 #include <QPainter>
-#include <QSignalSpy>
+#include <QScrollArea>
+#include <QScrollBar>
+#include <QSpinBox>
+#include <QTemporaryDir>
 #include <QTimer>
-#include <QtTest>
-
-#include <memory>
 
 typedef QList<QPoint> PointList;
 
 namespace
 {
 
-// A model filled by hand, with the depths the model would compute, and its graph.
-struct Model
+// A model filled by hand, with the depths the model would compute, and its view.
+struct Model : ModelAndView
 {
-    Model() : tree(&network) {}
-
     DSPNode* unit(quint64 id, int depth, bool active = true, quint64 groupId = 0)
     {
         DSPNode* node = new DSPNode;
@@ -42,14 +41,9 @@ struct Model
     DSPNetGraph& layout(DSPNode* head)
     {
         tree.root.inputs = { { head, true, true } };
-        graph.reset(new DSPNetGraph(&tree));
-        graph->slotProcessTree();
-        return *graph;
+        graph.slotProcessTree();
+        return graph;
     }
-
-    ProfilerNetwork network;
-    DSPTree tree;
-    std::unique_ptr<DSPNetGraph> graph;
 };
 
 void feed(DSPNode* consumer, std::initializer_list<DSPNode*> inputs)
@@ -57,35 +51,6 @@ void feed(DSPNode* consumer, std::initializer_list<DSPNode*> inputs)
     for (DSPNode* input : inputs)
         consumer->inputs.append({ input, false, false });
 }
-
-// A loopback target, the network and the model fed with the version-6 test network, so that commands go
-// through, and its graph shown. With inactive inputs hidden, its units sit at:
-//   257 (10, 10)   258 (210, 10)   261 (410, 10)
-//                  259 (210, 85)   263 (410, 85)    bypassed
-//                                  264 (410, 160)
-//                                  260 (410, 235)
-struct LiveModel
-{
-    LiveModel() : tree(&network), graph(&tree) {}
-
-    bool show()
-    {
-        network.connectToHost(QStringLiteral("127.0.0.1"), target.port());
-        QSignalSpy updated(&tree, &DSPTree::dspNetTreeUpdated);
-        if (!QTest::qWaitFor([this] { return network.isConnected(); }, 5000) || !target.waitForClient())
-            return false;
-        target.send(readTestData(QStringLiteral("dsp-v6.bin")));
-        if (!updated.wait(5000))
-            return false;
-        graph.show();
-        return QTest::qWaitForWindowExposed(&graph);
-    }
-
-    LoopbackTarget target;
-    ProfilerNetwork network;
-    DSPTree tree;
-    DSPNetGraph graph;
-};
 
 // "id@x,y" of every placed unit, in placement order.
 QString placed(const DSPNetGraph& graph)
@@ -96,14 +61,43 @@ QString placed(const DSPNetGraph& graph)
     return units.join(' ');
 }
 
-QImage render(DSPNetGraph& graph)
+// The panel on a live model, shown at 1000 by 500. By default the network is twenty chains of eight units
+// under one head: 1880 by 1530 pixels at scale 1.0, larger than the view.
+struct Panel : LiveTree
 {
-    QImage image(graph.width(), graph.height(), QImage::Format_ARGB32);
-    image.fill(Qt::transparent);
-    QPainter painter(&image);
-    graph.renderTree(&painter, false);
-    return image;
-}
+    Panel() : panel(&tree), graph(panel.findChild<DSPNetGraph*>()), scrollArea(panel.findChild<QScrollArea*>())
+    {
+        panel.resize(1000, 500);
+        panel.show();
+    }
+
+    bool show(QByteArray packet = QByteArray())
+    {
+        QVector<DSPUnitV6> units { { 1, 20 } };
+        for (quint64 row = 1; row <= 20; ++row) {
+            for (quint64 column = 0; column < 8; ++column)
+                units.append({ 1000 * row + column, quint16(column < 7 ? 1 : 0) });
+        }
+        return connected && QTest::qWaitForWindowExposed(&panel)
+               && feed(packet.isEmpty() ? dspPacketV6(units) : packet);
+    }
+
+    QPoint scrolled() const
+    {
+        return QPoint(scrollArea->horizontalScrollBar()->value(), scrollArea->verticalScrollBar()->value());
+    }
+
+    QPoint scrollTo(int h, int v)
+    {
+        scrollArea->horizontalScrollBar()->setValue(h);
+        scrollArea->verticalScrollBar()->setValue(v);
+        return scrolled();
+    }
+
+    ProfilerDSPNetGraph panel;
+    DSPNetGraph* graph;
+    QScrollArea* scrollArea;
+};
 
 } // namespace
 
@@ -112,8 +106,8 @@ class TestDSPNetGraph : public QObject
     Q_OBJECT
 
 private slots:
-    // Unit 4 feeds both 2 and 3: placed once, linked twice. Every connection kind appears once, and 2 sends to 3.
-    // Inactive unit 2 is skipped at first, not hidden: its input 4 still shows through unit 3.
+    // Unit 4 feeds both 2 and 3: placed once, linked twice. Every connection kind appears once, and 2 sends
+    // to 3. Inactive unit 2 is skipped at first, not hidden: its input 4 still shows through unit 3.
     void smallTreeLayout()
     {
         Model model;
@@ -148,12 +142,14 @@ private slots:
         QTest::addColumn<QString>("expected");
         QTest::addColumn<PointList>("markers");
 
+        const PointList marker { { 410, 150 } };
         QTest::newRow("4 inputs, none hidden")
-            << 4 << false << "1@10,10 2@210,10 11@410,10 12@410,85 13@410,160 30@610,160 14@410,235" << PointList();
+            << 4 << false << "1@10,10 2@210,10 11@410,10 12@410,85 13@410,160 30@610,160 14@410,235"
+            << PointList();
         QTest::newRow("5 inputs, the middle one hidden")
-            << 5 << false << "1@10,10 2@210,10 11@410,10 12@410,85 14@410,235 15@410,310" << PointList { { 410, 150 } };
+            << 5 << false << "1@10,10 2@210,10 11@410,10 12@410,85 14@410,235 15@410,310" << marker;
         QTest::newRow("7 inputs, 3 to 5 hidden with their subtrees")
-            << 7 << false << "1@10,10 2@210,10 11@410,10 12@410,85 16@410,235 17@410,310" << PointList { { 410, 150 } };
+            << 7 << false << "1@10,10 2@210,10 11@410,10 12@410,85 16@410,235 17@410,310" << marker;
         QTest::newRow("7 inputs, one placed before: nothing hidden")
             << 7 << true
             << "1@10,10 3@210,10 11@410,10 2@210,85 12@410,85 13@410,160 30@610,160 14@410,235 15@410,310 "
@@ -162,7 +158,8 @@ private slots:
     }
 
     // Head 1 feeds unit 2, whose inputs are 11 onwards; unit 30 feeds both the third and the last of them, so
-    // hiding the third must hide it everywhere, and is fed by the third again: neither placing nor hiding may loop.
+    // hiding the third must hide it everywhere, and is fed by the third again: neither placing nor hiding may
+    // loop.
     void hiddenInputs()
     {
         QFETCH(int, inputCount);
@@ -202,29 +199,11 @@ private slots:
         QCOMPARE(graph.standardLines.size(), links);
     }
 
-    // A chain as long as a real packet can carry must not exhaust the stack.
-    void deepChain()
-    {
-        QElapsedTimer timer;
-        timer.start();
-        const int length = 100000;
-        Model model;
-        DSPNode* first = model.unit(1, 0);
-        for (DSPNode* previous = first; model.tree.nodesById.size() < length;) {
-            DSPNode* next = model.unit(previous->id + 1, previous->depth + 1);
-            feed(previous, { next });
-            previous = next;
-        }
-        const DSPNetGraph& graph = model.layout(first);
-        QCOMPARE(graph.nodeList.size(), length);
-        QCOMPARE(graph.nodeList.last().position, QPoint((length - 1) * 200 + 10, 10));
-        QVERIFY2(timer.elapsed() < 5000, qPrintable(QString::number(timer.elapsed())));
-    }
-
-    // Units of 100 and 200 sit in 300, which sits in 400, which sits in 1100; 400 comes after 300 and gets its
-    // box in the same pass, 1100 comes first and waits for the next one. 600 holds a unit and names 100 as its
-    // parent, but 100 owns units itself and is never grown. 700 is reached before its child 800, which only
-    // gets a box in that same pass, so 700 encloses 500 alone. 1000 has neither units nor children: no box.
+    // Units of 100 and 200 sit in 300, which sits in 400, which sits in 1100; 400 comes after 300 and gets
+    // its box in the same pass, 1100 comes first and waits for the next one. 600 holds a unit and names 100
+    // as its parent, but 100 owns units itself and is never grown. 700 is reached before its child 800, which
+    // only gets a box in that same pass, so 700 encloses 500 alone. 1000 has neither units nor children: no
+    // box.
     void groupBoxes()
     {
         Model model;
@@ -289,8 +268,8 @@ private slots:
         QCOMPARE(graph.selectedId, DSPNetGraph::NoSelection);
         QVERIFY(!graph.getSelectedNodeRect(rect));
 
-        // Without a head the old drawing stays; only the group boxes and the selection go, and the send lines are
-        // added once more, up to a bound.
+        // Without a head the old drawing stays; only the group boxes and the selection go, and the send lines
+        // are added once more, up to a bound.
         graph.selectedId = 2;
         graph.selectedGroupId = 8;
         model.tree.root.inputs.clear();
@@ -303,7 +282,8 @@ private slots:
             graph.slotProcessTree();
         QCOMPARE(graph.sendLines.size(), 17);
 
-        // A smaller network does not shrink the widget; only a new scale, clamped to [0.2, 2], sets its size anew.
+        // A smaller network does not shrink the widget; only a new scale, clamped to [0.2, 2], sets its size
+        // anew.
         model.tree.root.inputs = { { a, false, false } };
         a->inputs.clear();
         graph.slotProcessTree();
@@ -318,8 +298,8 @@ private slots:
 
     void unitPixels_data()
     {
-        // "active", "bypass", "cpu" (CPU usage shown), "inclusive", "volume" (meters shown), "selected" (unit 2, in
-        // the head's group, is)
+        // "active", "bypass", "cpu" (CPU usage shown), "inclusive", "volume" (meters shown), "selected" (unit
+        // 2, in the head's group, is)
         QTest::addColumn<QString>("state");
         QTest::addColumn<float>("exclusiveCPU");
         QTest::addColumn<QString>("highlight");
@@ -327,8 +307,8 @@ private slots:
         QTest::addColumn<QRgb>("expected");
 
         // By default inside the head's fill, clear of its centred text; unit 2's is at (218, 18).
-        const auto row = [](const char* name, const char* state, float cpu, const char* highlight, QRgb expected,
-                            QPoint at = QPoint(18, 18)) {
+        const auto row = [](const char* name, const char* state, float cpu, const char* highlight,
+                            QRgb expected, QPoint at = QPoint(18, 18)) {
             QTest::newRow(name) << QString(state) << cpu << QString(highlight) << at << expected;
         };
         const auto plate = [](const char* file) {
@@ -361,8 +341,8 @@ private slots:
         row("0x alone matches no id", "active", 0.0f, "0x", blue, QPoint(218, 18));
         row("faceplate beside the selected unit", "active selected", 0.0f, "", normal, QPoint(11, 40));
         row("faceplate of the selected unit", "active selected", 0.0f, "", highlighted, QPoint(211, 40));
-        // Meter bars are 7.125 pixels wide from x = 13; the box's inner bottom is at y = 52. Levels 0, +10, -80
-        // and -128 dB: a clipped level shows in dark red, a silent one not at all.
+        // Meter bars are 7.125 pixels wide from x = 13; the box's inner bottom is at y = 52. Levels 0, +10,
+        // -80 and -128 dB: a clipped level shows in dark red, a silent one not at all.
         const QRgb background = QColor(blue).lighter(150).rgba();
         row("meter at 0 dB", "active volume", 0.0f, "", QColor(Qt::darkGreen).rgba(), QPoint(16, 15));
         row("meter clipping", "active volume", 0.0f, "", QColor(Qt::darkRed).rgba(), QPoint(23, 15));
@@ -398,7 +378,11 @@ private slots:
         graph.setHighlightName(highlight);
         graph.selectedId = state.contains("selected") ? 2 : DSPNetGraph::NoSelection;
         graph.selectedGroupId = 0x70C;
-        QCOMPARE(render(graph).pixel(at), expected);
+        QImage image(graph.size(), QImage::Format_ARGB32);
+        image.fill(Qt::transparent);
+        QPainter painter(&image);
+        graph.renderTree(&painter, false);
+        QCOMPARE(image.pixel(at), expected);
     }
 
     void mouseGestures_data()
@@ -432,7 +416,8 @@ private slots:
         row("click on empty space", 1.0f, left, QPoint(150, 100), QPoint(150, 100), DSPNetGraph::NoSelection);
         row("one pixel drag", 1.0f, left, unit, QPoint(301, 100), 257);
         row("middle button", 1.0f, Qt::MiddleButton, unit, unit, 257);
-        row("disable an active unit", 1.0f, right, first, first, 257, "Active+ Bypass-", "Active", command(2, 257, 0));
+        row("disable an active unit", 1.0f, right, first, first, 257, "Active+ Bypass-", "Active",
+            command(2, 257, 0));
         row("bypass a unit", 1.0f, right, first, first, 257, "Active+ Bypass-", "Bypass", command(3, 257, 1));
         row("unbypass a bypassed unit", 1.0f, right, bypassed, bypassed, 263, "Active+ Bypass+", "Bypass",
             command(3, 263, 0));
@@ -440,8 +425,13 @@ private slots:
             command(2, 262, 1));
     }
 
-    // Unit 257 is selected before each gesture. The menu runs its own event loop; a zero timer reads it and picks
-    // the action.
+    // On the version-6 test network with inactive inputs hidden, units sit at:
+    //   257 (10, 10)   258 (210, 10)   261 (410, 10)
+    //                  259 (210, 85)   263 (410, 85)    bypassed
+    //                                  264 (410, 160)
+    //                                  260 (410, 235)
+    // Unit 257 is selected before each gesture. The menu runs its own event loop; a zero timer reads it and
+    // picks the action.
     void mouseGestures()
     {
         QFETCH(float, scale);
@@ -454,12 +444,13 @@ private slots:
         QFETCH(QByteArray, command);
         const Qt::MouseButton mouseButton = static_cast<Qt::MouseButton>(button);
 
-        LiveModel model;
-        DSPNetGraph& graph = model.graph;
+        Panel view;
+        DSPNetGraph& graph = *view.graph;
         graph.setScale(scale);
+        graph.setShowExcessiveInputs(false);
         // Enabling needs an inactive unit: 262 then takes the place of 263.
         graph.setShowInactiveInputs(menu.startsWith("Active-"));
-        QVERIFY(model.show());
+        QVERIFY(view.show(readTestData(QStringLiteral("dsp-v6.bin"))));
         graph.selectedId = 257;
         graph.selectedGroupId = 36865;
         QSignalSpy moved(&graph, &DSPNetGraph::selectedNodePositionChanged);
@@ -493,9 +484,188 @@ private slots:
         }
         if (!command.isEmpty()) {
             QCOMPARE(shown.join(' '), menu);
-            QVERIFY(model.target.waitForReceived(command.size()));
-            QCOMPARE(model.target.received(), command);
+            QVERIFY(view.target.waitForReceived(command.size()));
+            QCOMPARE(view.target.received(), command);
         }
+    }
+
+    // The graph starts with every flag off: the boxes that start checked must reach it. A partly checked box
+    // leaves its flag alone, except that sends and the legend take it as unchecked. Each CPU threshold bounds the
+    // other, so the low one stays below the high one.
+    void panelOptions()
+    {
+        Panel view;
+        const QList<QCheckBox*> boxes = view.panel.findChildren<QCheckBox*>();
+        DSPNetGraph* graph = view.graph;
+        const auto flags = [graph] {
+            return QVector<bool> { graph->getShowExcessiveInputs(), graph->getShowInactiveInputs(),
+                                   graph->getShowCPUUsage(), graph->getShowVolumeLevels(),
+                                   graph->getShowGroups(), graph->getShowGuids(), graph->getShowSends(),
+                                   graph->getShowLegend(), graph->getInclusiveCPUUsage() };
+        };
+        QCOMPARE(flags(), QVector<bool>({ true, true, false, false, true, false, true, false, false }));
+        QCOMPARE(graph->getMaxCPUUsage(), 0.2f);
+
+        const Qt::CheckState states[] = { Qt::PartiallyChecked, Qt::Unchecked, Qt::Checked,
+                                          Qt::PartiallyChecked, Qt::Unchecked, Qt::Checked,
+                                          Qt::PartiallyChecked, Qt::Checked, Qt::Checked };
+        QGroupBox* cpuBox = view.panel.findChildren<QGroupBox*>().value(1);
+        for (int i = 0; i < boxes.size(); ++i) {
+            QCOMPARE(cpuBox->isEnabled(), i > 2); // only once "CPU Usage" is checked
+            boxes.at(i)->setCheckState(states[i]);
+        }
+        QCOMPARE(flags(), QVector<bool>({ true, false, true, false, false, true, false, true, true }));
+        QVERIFY(cpuBox->isEnabled());
+
+        QSpinBox* low = view.panel.findChildren<QSpinBox*>().value(0);
+        QSpinBox* high = view.panel.findChildren<QSpinBox*>().value(1);
+        low->setValue(10);
+        QCOMPARE(high->minimum(), 11);
+        QCOMPARE(graph->getMinCPUUsage(), 0.1f);
+        high->setValue(50);
+        QCOMPARE(low->maximum(), 49);
+        QCOMPARE(graph->getMaxCPUUsage(), 0.5f);
+    }
+
+    void highlightCommands_data()
+    {
+        QTest::addColumn<QString>("typed");
+        QTest::addColumn<int>("sendingEdits");
+
+        QTest::newRow("three letters only highlight") << "sho" << 0;
+        QTest::newRow("every edit after it sends") << "SHOW x" << 3;
+        QTest::newRow("not at the start") << "xShow" << 0;
+    }
+
+    // Typed a key at a time; a group command sent last marks the end of the stream.
+    void highlightCommands()
+    {
+        QFETCH(QString, typed);
+        QFETCH(int, sendingEdits);
+        Panel view;
+        QVERIFY(view.show());
+        QTest::keyClicks(view.panel.findChild<QLineEdit*>(QString(), Qt::FindDirectChildrenOnly), typed);
+        view.tree.sendGroupCommandString(QStringLiteral("end"));
+
+        const auto command = [](quint8 type, quint8 version, const QString& text) {
+            return PacketBuilder(type, 1, version).fixedString(text.toUtf8(), 128).finish();
+        };
+        const QByteArray end = command(7, 0, "end");
+        QVERIFY(QTest::qWaitFor([&] { return view.target.received().endsWith(end); }, 5000));
+        const QByteArray last = sendingEdits ? command(1, 6, typed) + command(7, 0, typed) : QByteArray();
+        const QByteArray received = view.target.received();
+        QCOMPARE(received, received.left((2 * sendingEdits - 2) * 140) + last + end);
+        QCOMPARE(view.graph->getHighlightName(), typed);
+    }
+
+    void wheelZoom_data()
+    {
+        QTest::addColumn<float>("startScale");
+        QTest::addColumn<QPoint>("angle");
+        QTest::addColumn<bool>("selectUnit");
+        QTest::addColumn<float>("expectedScale");
+        QTest::addColumn<QPoint>("expectedScroll");
+
+        // The middle of the 800 by 400 view, (700, 600), goes to (770, 660) or to (630, 540).
+        QTest::newRow("one notch forward") << 1.0f << QPoint(0, 120) << false << 1.1f << QPoint(370, 460);
+        QTest::newRow("one notch back") << 1.0f << QPoint(0, -120) << false << 0.9f << QPoint(230, 340);
+        QTest::newRow("less than a notch") << 1.0f << QPoint(0, 60) << false << 1.0f << QPoint(300, 400);
+        QTest::newRow("clamped at 2.0") << 2.0f << QPoint(0, 120) << false << 2.0f << QPoint(300, 400);
+        QTest::newRow("horizontal is swallowed") << 1.0f << QPoint(120, 0) << false << 1.0f << QPoint(300, 400);
+        // The unit's centre, (670, 407.5) at scale 1, moves by the change of scale
+        // times that, truncated in float: (200.99997, 122.24999), (-67.00001, -40.75).
+        QTest::newRow("3 notches, unit selected") << 1.0f << QPoint(0, 360) << true << 1.3f << QPoint(500, 522);
+        QTest::newRow("back, unit selected") << 1.5f << QPoint(0, -120) << true << 1.4f << QPoint(233, 360);
+    }
+
+    // A wheel event through the window lands on the graph in the viewport; only the zoom may move the view,
+    // not the scroll area's own wheel handling. The selected unit, or else the middle of the view, keeps its
+    // place on screen.
+    void wheelZoom()
+    {
+        QFETCH(float, startScale);
+        QFETCH(QPoint, angle);
+        QFETCH(bool, selectUnit);
+        QFETCH(float, expectedScale);
+        QFETCH(QPoint, expectedScroll);
+        Panel view;
+        QVERIFY(view.show());
+        view.scrollArea->setFixedSize(800, 400);
+        view.panel.layout()->activate();
+        view.graph->setScale(startScale);
+        if (selectUnit) { // unit 6002, the third of the sixth row
+            view.graph->selectedId = 6002;
+            view.graph->selectedGroupId = 0;
+            view.graph->selectedPosition = QPoint(610, 385);
+        }
+        QCOMPARE(view.scrollTo(300, 400), QPoint(300, 400));
+        QWidget* viewport = view.scrollArea->viewport();
+        const QPoint at = viewport->mapTo(&view.panel, viewport->rect().center());
+        QWheelEvent wheel(at, view.panel.mapToGlobal(at), QPoint(), angle, Qt::NoButton, Qt::NoModifier,
+                          Qt::NoScrollPhase, false);
+        // Spontaneous, as from the window system: only such wheel events travel on to the parents when left
+        // unaccepted (sendEvent would clear the mark).
+        QSpontaneKeyEvent::setSpontaneous(&wheel);
+        qApp->notify(view.panel.windowHandle(), &wheel);
+
+        QCOMPARE(view.graph->getScale(), expectedScale);
+        QCOMPARE(view.scrolled(), expectedScroll);
+    }
+
+    // The graph passes presses and drags on to the panel, which scrolls twice the distance against the
+    // movement. The view also moves with the selected unit, by its movement times the scale rounded half away
+    // from zero.
+    void panning()
+    {
+        Panel view;
+        QVERIFY(view.show());
+        DSPNetGraph* graph = view.graph;
+        QCOMPARE(view.scrollTo(300, 400), QPoint(300, 400));
+        const QPoint start(700, 600);
+        QTest::mousePress(graph, Qt::LeftButton, Qt::NoModifier, start);
+        QCOMPARE(graph->cursor().shape(), Qt::ClosedHandCursor);
+        const QPoint end = start + QPoint(10, -5);
+        QMouseEvent move(QEvent::MouseMove, end, graph->mapToGlobal(end), Qt::NoButton, Qt::LeftButton,
+                         Qt::NoModifier);
+        QApplication::sendEvent(graph, &move);
+        QCOMPARE(view.scrolled(), QPoint(280, 410));
+        QTest::mouseRelease(graph, Qt::LeftButton, Qt::NoModifier, end);
+        QCOMPARE(graph->cursor().shape(), Qt::OpenHandCursor);
+
+        const std::tuple<float, QPoint, QPoint> cases[] = { { 1.5f, QPoint(0, 75), QPoint(300, 513) },
+                                                            { 1.5f, QPoint(0, -75), QPoint(300, 287) },
+                                                            { 1.25f, QPoint(-40, 0), QPoint(250, 400) } };
+        for (const auto& [scale, moveBy, expectedScroll] : cases) {
+            graph->setScale(scale);
+            QCOMPARE(view.scrollTo(300, 400), QPoint(300, 400));
+            emit graph->selectedNodePositionChanged(QPoint(410, 160) + moveBy, QPoint(410, 160));
+            QCOMPARE(view.scrolled(), expectedScroll);
+        }
+    }
+
+    // The picture is taken at scale 1.0 whatever the zoom, which comes back afterwards. The dialog is modal;
+    // a zero timer answers it from its event loop.
+    void saveImage()
+    {
+        Panel view;
+        QVERIFY(view.show());
+        view.graph->setScale(1.5f);
+        QTemporaryDir dir;
+        const QString fileName = dir.filePath(QStringLiteral("capture.png"));
+        QTimer::singleShot(0, &view.panel, [&] {
+            if (auto* dialog = qobject_cast<QFileDialog*>(QApplication::activeModalWidget())) {
+                dialog->selectFile(fileName);
+                static_cast<QDialog*>(dialog)->accept();
+            }
+        });
+        QMetaObject::invokeMethod(&view.panel, "slotSaveImage");
+
+        QCOMPARE(view.graph->getScale(), 1.5f);
+        QCOMPARE(view.graph->size(), QSize(2820, 2295));
+        const QImage saved(fileName);
+        QCOMPARE(saved.size(), QSize(1880, 1530));
+        QCOMPARE(saved.pixel(20, 20), qRgb(66, 186, 255));
+        QCOMPARE(qAlpha(saved.pixel(180, 1500)), 0);
     }
 };
 
