@@ -322,6 +322,7 @@ void TestHistories::derivedFigures()
             : kind == Codecs                     ? model.codecs(packet)
                                                  : model.stats(packet);
         c.network.receiveBytes(packet.finish());
+        QCOMPARE(c.updated[kind]->count(), i + 1);
         compareJson(c.collected(kind), expected);
         if (QTest::currentTestFailed())
             QFAIL(qPrintable(QStringLiteral("packet %1").arg(i)));
