@@ -184,6 +184,8 @@ private slots:
     void replay_data();
     void replay();
     void recordingToAFullDiskKeepsTheLinkUp();
+    void commandLine_data();
+    void commandLine();
 
 private:
     QTemporaryDir dir;
@@ -314,6 +316,7 @@ void TestCaptureFile::damageIsReportedWithItsOffset_data()
 
     row("empty", QByteArray(), 0, "not a capture file", 0);
     row("garbage", QByteArray(5000, 'g'), 0, "not a capture file", 0);
+    row("magic only", framedFile.left(8), 8, pastEnd.arg("format version"), 0);
     row("other version", changed(8, "\x02"), 8, "format version 2, this reader knows 1", 0);
     row("cut in the address", framedFile.left(26), 22, pastEnd.arg("target address"), 0);
     row("flipped content", flipped(frame + 8 + stored / 2), frame, damaged, before);
@@ -346,6 +349,10 @@ void TestCaptureFile::damageIsReportedWithItsOffset_data()
     row("time past the range", crafted(rawRecord(RecordKind::Sent, quint64(1) << 63, QByteArray())), HeaderSize,
         "record time out of range", 1);
     row("no checksum", crafted(QByteArray(), false), HeaderSize, damaged + "not a zstd frame with a checksum", 0);
+    // The shortest frame that can say it has a checksum, and nothing more.
+    const QByteArray bareFrame = le32(5) + le32(1) + QByteArray("\x28\xb5\x2f\xfd\x04", 5);
+    row("bare frame header", framedFile.left(int(HeaderSize)) + bareFrame + EndMarker, HeaderSize,
+        damaged + "its content size disagrees with the frame prefix", 0);
 }
 
 void TestCaptureFile::damageIsReportedWithItsOffset()
@@ -514,6 +521,45 @@ void TestCaptureFile::recordingToAFullDiskKeepsTheLinkUp()
     QCOMPARE(failed.size(), 1);
     QVERIFY(form.getNetwork()->isConnected());
     QVERIFY(form.findChild<QPushButton*>(QStringLiteral("pauseButton"))->isEnabled());
+}
+
+void TestCaptureFile::commandLine_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("result");
+    QTest::addColumn<QString>("message"); // for a usage error: what follows "tarn-profiler: "
+
+    const auto row = [](const char* name, const QStringList& arguments, int result, const QString& message) {
+        QTest::newRow(name) << (QStringList { "tarn-profiler" } + arguments) << result << message;
+    };
+    row("plain", {}, ProfilerSession::Run, QString());
+    row("record", { "--record", "a.tcap" }, ProfilerSession::Run, QString());
+    row("replay at a speed", { "--replay", "a.tcap", "--speed", "2.5" }, ProfilerSession::Run, QString());
+    row("replay at full speed", { "--replay", "a.tcap", "--speed", "0" }, ProfilerSession::Run, QString());
+    row("both files", { "--record", "a", "--replay", "b" }, ProfilerSession::UsageError,
+        "--record and --replay cannot be used together.");
+    row("speed without replay", { "--speed", "2" }, ProfilerSession::UsageError,
+        "--speed only applies to --replay.");
+    row("negative speed", { "--replay", "a", "--speed", "-1" }, ProfilerSession::UsageError,
+        "--speed takes a number of 0 or more, not '-1'.");
+    row("stray argument", { "a.tcap" }, ProfilerSession::UsageError, "unexpected argument 'a.tcap'.");
+}
+
+void TestCaptureFile::commandLine()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(int, result);
+    QFETCH(QString, message);
+    ProfilerOptions options;
+    QString text;
+    QCOMPARE(int(ProfilerSession::parse(arguments, &options, &text)), result);
+    if (result == ProfilerSession::UsageError) {
+        QVERIFY2(text.startsWith("tarn-profiler: " + message + "\n"), qPrintable(text));
+        return;
+    }
+    QCOMPARE(options.recordFile, arguments.contains("--record") ? QStringLiteral("a.tcap") : QString());
+    QCOMPARE(options.replayFile, arguments.contains("--replay") ? QStringLiteral("a.tcap") : QString());
+    QCOMPARE(options.speed, arguments.contains("--speed") ? arguments.last().toDouble() : 1.0);
 }
 
 QTEST_MAIN(TestCaptureFile)
