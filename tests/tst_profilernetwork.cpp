@@ -63,6 +63,9 @@ void TestProfilerNetwork::dataRequestsAndUserDisconnect()
 {
     Link link;
     link.network.requestDataType(3, 0, 200); // unconnected: goes nowhere, breaks nothing
+    // A second connect while the first is under way must drop the first.
+    LoopbackTarget elsewhere;
+    link.network.connectToHost(QStringLiteral("127.0.0.1"), elsewhere.port());
     QVERIFY(link.connect(true));
     link.network.requestDataType(3, 0, 200);
     link.network.requestDataType(1, 0, 0);
@@ -72,7 +75,8 @@ void TestProfilerNetwork::dataRequestsAndUserDisconnect()
     QCOMPARE(link.target.received().toHex(), expected.toHex());
 
     link.network.disconnectFromHost();
-    QCOMPARE(statuses(link.status), (QStringList{ QStringLiteral("Attempting to connect..."), QStringLiteral("Connected."),
+    QCOMPARE(statuses(link.status), (QStringList{ QStringLiteral("Attempting to connect..."),
+                                                 QStringLiteral("Attempting to connect..."), QStringLiteral("Connected."),
                                                  QStringLiteral("Disconnected.") }));
     QVERIFY(!link.network.isConnected());
     QVERIFY(!link.network.isConnecting());
@@ -158,6 +162,9 @@ void TestProfilerNetwork::closedOrSilentTargetReconnects()
     QCOMPARE(link.status.last().at(0).toString(), TargetClosed);
     QVERIFY(!link.network.isConnected());
     QVERIFY(link.network.isConnecting());
+    // A replay started now ends the retrying.
+    link.network.startReplay(QStringLiteral("Replaying"));
+    QVERIFY(!link.network.isConnecting());
     link.network.disconnectFromHost();
     QVERIFY(!link.network.isConnecting());
     QCOMPARE(link.status.last().at(0).toString(), QStringLiteral("Disconnected."));
