@@ -24,10 +24,7 @@ struct Profiler : ProfilerChain
         network.connectToHost(QStringLiteral("127.0.0.1"), port);
         if (!QTest::qWaitFor([this] { return network.isConnected(); }, 5000))
             return false;
-        // The streams the main form asks for, at its periods.
-        const int streams[][2] = { { 1, 100 }, { 7, 100 }, { 3, 200 }, { 4, 200 }, { 5, 200 }, { 9, 200 } };
-        for (const auto& stream : streams)
-            network.requestDataType(quint8(stream[0]), 0, unsigned(stream[1]));
+        network.requestProfileStreams(true); // as the main form does; tst_profilerform checks the bytes
         return true;
     }
 

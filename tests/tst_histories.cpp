@@ -270,14 +270,16 @@ private slots:
     void delivery();
 };
 
+// The test vectors are named as the rows: kind, then layout version.
 void TestHistories::testVectors_data()
 {
     QTest::addColumn<int>("kind");
-    QTest::newRow("cpu-v0") << int(Cpu);
-    QTest::newRow("cpu-v1") << int(Cpu);
-    QTest::newRow("channels-v0") << int(Channels);
-    QTest::newRow("codecs-v0") << int(Codecs);
-    QTest::newRow("stats-v0") << int(Stats);
+    QTest::addColumn<int>("version");
+    QTest::newRow("cpu-v0") << int(Cpu) << 0;
+    QTest::newRow("cpu-v1") << int(Cpu) << 1;
+    QTest::newRow("channels-v0") << int(Channels) << 0;
+    QTest::newRow("codecs-v0") << int(Codecs) << 0;
+    QTest::newRow("stats-v0") << int(Stats) << 0;
 }
 
 void TestHistories::testVectors()
@@ -297,13 +299,7 @@ void TestHistories::testVectors()
 
 void TestHistories::derivedFigures_data()
 {
-    QTest::addColumn<int>("kind");
-    QTest::addColumn<int>("version");
-    QTest::newRow("cpu v0") << int(Cpu) << 0;
-    QTest::newRow("cpu v1") << int(Cpu) << 1;
-    QTest::newRow("channels") << int(Channels) << 0;
-    QTest::newRow("codecs") << int(Codecs) << 0;
-    QTest::newRow("stats") << int(Stats) << 0;
+    testVectors_data();
 }
 
 // Every derived figure (CPU total, channel sums, codec maximum, statistics
