@@ -14,14 +14,12 @@ namespace
 
 struct Bar
 {
-    explicit Bar(ProfilerForm& form)
-        : status(form.findChild<QLabel*>(QStringLiteral("statusLabel")))
-        , ip(form.findChild<QLineEdit*>(QStringLiteral("ipEdit")))
-        , port(form.findChild<QLineEdit*>(QStringLiteral("portEdit")))
-        , connect(form.findChild<QPushButton*>(QStringLiteral("connectButton")))
-        , pause(form.findChild<QPushButton*>(QStringLiteral("pauseButton")))
-    {
-    }
+    ProfilerForm& form;
+    QLabel* status = form.findChild<QLabel*>(QStringLiteral("statusLabel"));
+    QLineEdit* ip = form.findChild<QLineEdit*>(QStringLiteral("ipEdit"));
+    QLineEdit* port = form.findChild<QLineEdit*>(QStringLiteral("portEdit"));
+    QPushButton* connect = form.findChild<QPushButton*>(QStringLiteral("connectButton"));
+    QPushButton* pause = form.findChild<QPushButton*>(QStringLiteral("pauseButton"));
 
     // The look as one comparable string: edits enabled, connect text, pause state.
     QString look() const
@@ -30,12 +28,6 @@ struct Bar
             .arg(ip->isEnabled() && port->isEnabled() ? "editable" : "locked", connect->text(),
                  pause->isEnabled() ? "pause-on" : "pause-off", pause->text());
     }
-
-    QLabel* status;
-    QLineEdit* ip;
-    QLineEdit* port;
-    QPushButton* connect;
-    QPushButton* pause;
 };
 
 // Closes the next modal message box and records its title, texts and icon.
@@ -72,7 +64,7 @@ void TestProfilerForm::connectPauseAndDisconnect()
 {
     LoopbackTarget target;
     ProfilerForm form;
-    Bar bar(form);
+    Bar bar{ form };
     QCOMPARE(bar.status->text(), QStringLiteral("Disconnected."));
     QCOMPARE(bar.port->text(), QStringLiteral("9264"));
     QCOMPARE(bar.look(), DisconnectedLook);
@@ -137,7 +129,7 @@ void TestProfilerForm::refusedConnectionShowsTheErrorBox()
         closedPort = target.port();
     }
     ProfilerForm form;
-    Bar bar(form);
+    Bar bar{ form };
     bar.port->setText(QString::number(closedPort));
 
     QStringList box;
