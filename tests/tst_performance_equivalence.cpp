@@ -3,6 +3,7 @@
 #include "dspshapes.h"
 #include "packetbuilder.h"
 #include "packetencoder.h"
+#include "passtable.h"
 
 #include <QImage>
 #include <QPainter>
@@ -305,6 +306,40 @@ private slots:
             for (QByteArray expected; !(expected = reference.take(kind.first, kind.second)).isNull();)
                 QCOMPARE(network.getPacket(kind.first, kind.second), expected);
             QVERIFY(network.getPacket(kind.first, kind.second).isNull());
+        }
+    }
+
+    // The layout's flat table against a hash: passes of random sizes, often more keys than a pass was started
+    // for, keys that differ only in their high bits, and a published table edited by hand now and then.
+    void passTableMatchesHash()
+    {
+        QRandomGenerator random(99);
+        PassTable<qint64, int> table;
+        QHash<qint64, int> reference;
+        QHash<qint64, int> published;
+        int value = 0;
+        for (int pass = 0; pass < 300; ++pass) {
+            table.startPass(random.bounded(40));
+            reference.clear();
+            for (int step = random.bounded(200); step > 0; --step) {
+                const qint64 key = (qint64(random.bounded(-3, 4)) << 32) + random.bounded(64);
+                const int action = random.bounded(3);
+                if (action == 0) {
+                    table.insert(key, step);
+                    reference.insert(key, step);
+                } else if (action == 1) {
+                    QCOMPARE(table.insertNew(key, step), !reference.contains(key));
+                    reference.insert(key, reference.value(key, step));
+                } else {
+                    QCOMPARE(table.find(key, &value), reference.contains(key));
+                    QCOMPARE(value, reference.value(key, value));
+                }
+            }
+            QCOMPARE(table.size(), reference.size());
+            if (random.bounded(3) == 0)
+                published.insert(random.bounded(64), -1);
+            table.publish(&published);
+            QCOMPARE(published, reference);
         }
     }
 
