@@ -17,6 +17,8 @@
 #include <QTemporaryDir>
 #include <QTimer>
 
+#include <tuple>
+
 typedef QList<QPoint> PointList;
 
 namespace
