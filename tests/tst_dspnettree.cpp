@@ -273,6 +273,18 @@ private slots:
         QCOMPARE(live->tree.root.inputs.first().node->id, 7ull);
     }
 
+    // A table edited by hand is rebuilt from the next packet alone: the
+    // units the packet does not name go, the one added by hand too.
+    void handEditedTableIsReplaced()
+    {
+        QVERIFY(live->feed(dspPacketV6({ { 1, 1 }, { 2, 0 } })));
+        auto* added = new DSPNode;
+        added->id = 99;
+        live->tree.nodesById.insert(added->id, added);
+        QVERIFY(live->feed(dspPacketV6({ { 3, 0 } })));
+        QCOMPARE(live->tree.nodesById.keys(), QList<unsigned long long> { 3 });
+    }
+
     void onlyNewestPacketIsDecoded()
     {
         disconnect(&live->network, nullptr, &live->tree, nullptr);
