@@ -1,7 +1,13 @@
 #include "passtable.h"
 
+#include "dspplacements.h"
+
 #include <QPoint>
+#include <QRandomGenerator>
 #include <QtTest>
+
+#include <memory>
+#include <vector>
 
 class TestPassTable : public QObject
 {
@@ -9,7 +15,7 @@ class TestPassTable : public QObject
 
 private slots:
     void passesFindOnlyTheirOwnEntries();
-    void publishLeavesExactlyThePass();
+    void placementsMatchAPlainHash();
 };
 
 void TestPassTable::passesFindOnlyTheirOwnEntries()
@@ -40,26 +46,62 @@ void TestPassTable::passesFindOnlyTheirOwnEntries()
     QVERIFY(!table.find(0x200000000ULL + 7, &value));
 }
 
-void TestPassTable::publishLeavesExactlyThePass()
+// Two layouts share the model's units, units come and go or change ids, some share
+// their low 32 bits, and passes sized far below the keys seen force the
+// rows to be given up and numbered again: every answer must still be what
+// a plain hash keyed by the low 32 bits gives.
+void TestPassTable::placementsMatchAPlainHash()
 {
-    PassTable<int, QPoint> table;
-    QHash<int, QPoint> published;
+    QRandomGenerator random(11);
+    std::vector<std::unique_ptr<DSPNode>> units;
+    DSPPlacementTable tables[2];
+    QHash<int, QPoint> expected[2];
+    for (int pass = 0; pass < 60; ++pass) {
+        // New units, every fifth sharing the low bits of an earlier one.
+        for (int i = 0; i < 40; ++i) {
+            auto unit = std::make_unique<DSPNode>();
+            const bool twin = !units.empty() && i % 5 == 0;
+            const quint64 low = twin ? units[random.bounded(int(units.size()))]->id & 0xffffffffULL
+                                     : random.generate();
+            unit->id = (quint64(random.bounded(4)) << 32) | low;
+            units.push_back(std::move(unit));
+        }
+        if (units.size() > 300)
+            units.erase(units.begin(), units.begin() + 40);
+        // A model edited by hand may give a unit another id.
+        units[random.bounded(int(units.size()))]->id = random.generate64();
 
-    table.startPass(3);
-    for (int key : { 1, 2, 3, -4 })
-        table.insert(key, QPoint(key, key));
-    table.publish(&published);
-    QCOMPARE(published, (QHash<int, QPoint> { { 1, QPoint(1, 1) }, { 2, QPoint(2, 2) },
-                                               { 3, QPoint(3, 3) }, { -4, QPoint(-4, -4) } }));
+        const int t = pass % 2;
+        tables[t].startPass(pass % 3 == 0 ? 0 : int(units.size()));
+        expected[t].clear();
+        for (int step = 0; step < 400; ++step) {
+            const DSPNode* unit = units[random.bounded(int(units.size()))].get();
+            const int key = DSPPlacementTable::keyOf(unit->id);
+            if (random.bounded(2)) {
+                const QPoint position(random.bounded(1000), random.bounded(1000));
+                tables[t].insert(unit, position);
+                expected[t].insert(key, position);
+                continue;
+            }
+            QPoint found(-7, -7);
+            QCOMPARE(tables[t].find(unit, &found), expected[t].contains(key));
+            QCOMPARE(found, expected[t].value(key, QPoint(-7, -7)));
+        }
+        QCOMPARE(tables[t].toHash(), expected[t]);
+        QCOMPARE(tables[1 - t].toHash(), expected[1 - t]);
+    }
 
-    // Keys of the last pass that did not come again go; a key put in by
-    // hand goes too; values are overwritten.
-    published.insert(99, QPoint(9, 9));
-    table.startPass(3);
-    table.insert(2, QPoint(20, 20));
-    table.insert(5, QPoint(5, 5));
-    table.publish(&published);
-    QCOMPARE(published, (QHash<int, QPoint> { { 2, QPoint(20, 20) }, { 5, QPoint(5, 5) } }));
+    // Units that come and go do not grow the table without bound.
+    DSPPlacementTable churn;
+    for (int pass = 0; pass < 100; ++pass) {
+        churn.startPass(100);
+        for (int i = 0; i < 100; ++i) {
+            DSPNode unit;
+            unit.id = quint64(pass) * 100 + i;
+            churn.insert(&unit, QPoint());
+        }
+        QVERIFY(churn.rowCount() <= 2 * 100 + 1024 + 100);
+    }
 }
 
 QTEST_GUILESS_MAIN(TestPassTable)

@@ -228,8 +228,8 @@ QStringList layoutDigest(const DSPNetGraph& graph)
             << graph.ellipsisPoints << graph.maxX << graph.maxY;
         for (const DSPGroupGraphicalNode& group : graph.groupList)
             out << '\n' << group.id << group.parentId << group.name << group.guidString << group.level << group.rect;
-        out << '\n' << QMap<int, QPoint>(std::map<int, QPoint>(graph.placedTable.keyValueBegin(),
-                                                               graph.placedTable.keyValueEnd()));
+        const QHash<int, QPoint> placed = graph.placedTable();
+        out << '\n' << QMap<int, QPoint>(std::map<int, QPoint>(placed.keyValueBegin(), placed.keyValueEnd()));
         if (graph.selectedFound)
             out << '\n' << graph.selectedFound->id << graph.selectedNewPosition;
     }
