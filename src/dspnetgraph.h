@@ -3,6 +3,7 @@
 
 #include "dspnetgraphindex.h"
 #include "dspnettree.h"
+#include "dspplacements.h"
 #include "passtable.h"
 
 #include <QColor>
@@ -125,6 +126,10 @@ public:
     float getScale() const { return scale; }
     void setScale(float newScale);
 
+    // Where the last layout pass put each unit, by the low 32 bits of its id;
+    // (-1, -1) for a unit hidden as an excessive input.
+    QHash<int, QPoint> placedTable() const { return placements.toHash(); }
+
     bool getSelectedNodeRect(QRectF& rect) const;
     void updateSelectedNode();
 
@@ -137,7 +142,6 @@ public:
     QVector<QLine> sendSidechainLines;
     QList<QPoint> ellipsisPoints;
     QVector<DSPGroupGraphicalNode> groupList;
-    QHash<int, QPoint> placedTable;
     int rowCounter = 0;
     int maxX = 0;
     int maxY = 0;
@@ -184,7 +188,7 @@ private:
     void findSelectedUnit();
     void rememberSelection();
     void resetLayout();
-    bool findPlaced(unsigned long long id, QPoint* position) const;
+    bool findPlaced(const DSPNode* node, QPoint* position);
     void indexGroupBoxes();
     void enterNode(std::vector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
                    QPoint parentPosition, unsigned int index, unsigned int count,
@@ -247,9 +251,7 @@ private:
     // Units already marked as hidden in this pass; a unit is marked once
     // however many paths lead to it, and a cycle cannot loop.
     QSet<const DSPNode*> hiddenVisited;
-    // What placedTable will say once the pass is over, for the lookups
-    // while it runs.
-    PassTable<int, QPoint> placements;
+    DSPPlacementTable placements;
     // Passes without a head unit append the old send lines again; counted so
     // that a target repeating such packets cannot grow the list forever.
     int staleSendPasses = 0;

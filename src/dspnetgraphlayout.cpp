@@ -16,12 +16,6 @@ const QPoint NoPosition(-1, -1);
 // lines once more; beyond this many such passes in a row it stops growing.
 const int MaxStaleSendPasses = 16;
 
-// Units whose ids share the low 32 bits count as one unit when placing.
-int placementKey(unsigned long long id)
-{
-    return static_cast<int>(static_cast<quint32>(id));
-}
-
 // A space after each colon gives word wrapping a place to break.
 QString displayName(const QString& name)
 {
@@ -33,13 +27,13 @@ QString displayName(const QString& name)
 }
 
 // The model keeps a unit's name string while the name is unchanged, so the
-// display name stands; an equal name read anew is only remembered.
+// display name stands. Any other name is made anew: comparing it first
+// costs as much as making it, since most names have no colon.
 void updateDisplayName(DSPNetGraphicalNode* graphical, const QString& name)
 {
     if (name.isSharedWith(graphical->sourceName))
         return;
-    if (name != graphical->sourceName)
-        graphical->name = displayName(name);
+    graphical->name = displayName(name);
     graphical->sourceName = name;
 }
 
@@ -229,7 +223,6 @@ void DSPNetGraph::resetLayout()
     finishedUnits.clear();
     // Sized for the whole network up front instead of growing step by step.
     const int units = tree->nodesById.size();
-    placedTable.reserve(units);
     nodeList.reserve(units);
     placedSources.reserve(units);
     finishedUnits.reserve(units);
@@ -256,7 +249,7 @@ void DSPNetGraph::processNodes(const DSPNode::InputRecord& record, QPoint parent
     frameInputs.clear();
     QPoint placed;
     enterNode(stack, record, parentPosition, index, count,
-              findPlaced(record.node->id, &placed) ? &placed : nullptr);
+              findPlaced(record.node, &placed) ? &placed : nullptr);
     while (!stack.empty()) {
         if (stack.back().next < stack.back().inputCount) {
             visitNextInput(stack);
@@ -272,13 +265,12 @@ void DSPNetGraph::processNodes(const DSPNode::InputRecord& record, QPoint parent
     }
     // Units of the last layout that were not overwritten go now.
     nodeList.resize(placedCount);
-    placements.publish(&placedTable);
 }
 
 // Where the unit with that key was placed in this layout, if it was.
-bool DSPNetGraph::findPlaced(unsigned long long id, QPoint* position) const
+bool DSPNetGraph::findPlaced(const DSPNode* node, QPoint* position)
 {
-    return placements.find(placementKey(id), position);
+    return placements.find(node, position);
 }
 
 // Places a unit and prepares the walk over its inputs; a unit placed (or
@@ -322,7 +314,7 @@ void DSPNetGraph::visitNextInput(std::vector<LayoutFrame>& stack)
     const DSPNode::InputRecord input = frameInputs.at(frame.inputStart + i);
     // The first new input shares its consumer's row; each further one opens a row.
     QPoint placed;
-    const bool wasPlaced = findPlaced(input.node->id, &placed);
+    const bool wasPlaced = findPlaced(input.node, &placed);
     if (!wasPlaced) {
         if (frame.newInputSeen)
             ++rowCounter;
@@ -356,7 +348,7 @@ void DSPNetGraph::finishNode(const DSPNode::InputRecord& record, QPoint position
 
 void DSPNetGraph::placeNode(const DSPNode* node, QPoint position)
 {
-    placements.insert(placementKey(node->id), position);
+    placements.insert(node, position);
     if (placedCount == nodeList.size())
         nodeList.append(DSPNetGraphicalNode());
     setGraphicalNode(&nodeList[placedCount++], node, position);
@@ -380,7 +372,7 @@ int DSPNetGraph::drawnInputs(const DSPNode* node, bool* allInputsNew, int* shown
         if (!input.node)
             continue;
         QPoint placed;
-        if (findPlaced(input.node->id, &placed)) {
+        if (findPlaced(input.node, &placed)) {
             *allInputsNew = false;
             if (placed == NoPosition)
                 continue;
@@ -417,7 +409,7 @@ void DSPNetGraph::hideSubtree(const DSPNode* node)
         if (!unit || hiddenVisited.contains(unit))
             continue;
         hiddenVisited.insert(unit);
-        placements.insert(placementKey(unit->id), NoPosition);
+        placements.insert(unit, NoPosition);
         for (const DSPNode::InputRecord& input : unit->inputs)
             pending.append(input.node);
     }

@@ -45,6 +45,11 @@ struct DSPNode
     // Scratch number of the unit while the network is read or its depths
     // are computed; -1 otherwise.
     int walkIndex = -1;
+    // The unit's row in a view's placement table, for the key and the
+    // table generation it was given for; the model never reads these.
+    mutable quint32 viewGeneration = 0;
+    mutable int viewKey = 0;
+    mutable int viewRow = -1;
 };
 
 // One channel group.

@@ -1,7 +1,6 @@
 #ifndef PASSTABLE_H
 #define PASSTABLE_H
 
-#include <QHash>
 #include <QVector>
 
 // A map that a layout pass fills and reads many times per unit and that the
@@ -55,37 +54,6 @@ public:
     }
 
     int size() const { return stored; }
-
-    // Makes `table` hold exactly this pass's entries. Its entries are
-    // overwritten rather than the table emptied and refilled, which would
-    // free and allocate one per key on every pass.
-    void publish(QHash<Key, Value>* table)
-    {
-        passKeys.clear();
-        for (const Cell& cell : qAsConst(cells)) {
-            if (cell.pass == pass) {
-                (*table)[cell.key] = cell.value;
-                passKeys.append(cell.key);
-            }
-        }
-        Value value;
-        if (table->size() != stored) {
-            for (Key key : qAsConst(publishedKeys)) {
-                if (!find(key, &value))
-                    table->remove(key);
-            }
-        }
-        // A table changed by hand may hold keys of neither pass.
-        if (table->size() != stored) {
-            for (auto it = table->begin(); it != table->end();) {
-                if (find(it.key(), &value))
-                    ++it;
-                else
-                    it = table->erase(it);
-            }
-        }
-        publishedKeys.swap(passKeys);
-    }
 
 private:
     struct Cell
@@ -153,10 +121,6 @@ private:
     quint32 mask = 0;
     quint32 pass = 1;
     int stored = 0;
-    // The keys the last publication put in the table, and the list the
-    // next one fills (kept to keep its room).
-    QVector<Key> publishedKeys;
-    QVector<Key> passKeys;
 };
 
 #endif // PASSTABLE_H

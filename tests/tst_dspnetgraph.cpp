@@ -188,7 +188,7 @@ private slots:
         QCOMPARE(placed(graph), expected);
         QCOMPARE(graph.ellipsisPoints, markers);
         if (!markers.isEmpty())
-            QCOMPARE(graph.placedTable.value(30), QPoint(-1, -1));
+            QCOMPARE(graph.placedTable().value(30), QPoint(-1, -1));
         for (const QLine& line : qAsConst(graph.standardLines))
             QVERIFY2(line.x1() > 0, "a line from a hidden unit");
 

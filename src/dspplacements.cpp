@@ -1,0 +1,97 @@
+#include "dspplacements.h"
+
+#include <atomic>
+
+namespace
+{
+
+// Every table and every reset of one draws a generation of its own, so a
+// row a unit remembers from another graph or an older generation is never
+// taken for a row of this one.
+quint32 newGeneration()
+{
+    static std::atomic<quint32> last { 0 };
+    quint32 next = ++last;
+    if (next == 0)
+        next = ++last;
+    return next;
+}
+
+// Rows of keys not seen for a while are kept until there are this many more
+// than units, so a network whose units come and go does not renumber often.
+const int SpareRows = 1024;
+
+} // namespace
+
+DSPPlacementTable::DSPPlacementTable()
+    : generation(newGeneration())
+{
+}
+
+void DSPPlacementTable::startPass(int units)
+{
+    if (keys.size() > 2 * size_t(units) + SpareRows)
+        forgetRows();
+    if (++pass == 0) {
+        std::fill(passOfRow.begin(), passOfRow.end(), 0);
+        pass = 1;
+    }
+}
+
+bool DSPPlacementTable::find(const DSPNode* node, QPoint* position)
+{
+    const int row = rowOf(node);
+    if (passOfRow[row] != pass)
+        return false;
+    *position = positions[row];
+    return true;
+}
+
+void DSPPlacementTable::insert(const DSPNode* node, QPoint position)
+{
+    const int row = rowOf(node);
+    passOfRow[row] = pass;
+    positions[row] = position;
+}
+
+QHash<int, QPoint> DSPPlacementTable::toHash() const
+{
+    QHash<int, QPoint> table;
+    for (size_t row = 0; row < keys.size(); ++row) {
+        if (passOfRow[row] == pass)
+            table.insert(keys[row], positions[row]);
+    }
+    return table;
+}
+
+int DSPPlacementTable::rowOf(const DSPNode* node)
+{
+    const int key = keyOf(node->id);
+    if (node->viewGeneration == generation && node->viewKey == key)
+        return node->viewRow;
+    const auto found = rowByKey.constFind(key);
+    const int row = found != rowByKey.constEnd() ? found.value() : addRow(key);
+    node->viewGeneration = generation;
+    node->viewKey = key;
+    node->viewRow = row;
+    return row;
+}
+
+int DSPPlacementTable::addRow(int key)
+{
+    const int row = int(keys.size());
+    rowByKey.insert(key, row);
+    keys.push_back(key);
+    passOfRow.push_back(0);
+    positions.push_back(QPoint());
+    return row;
+}
+
+void DSPPlacementTable::forgetRows()
+{
+    generation = newGeneration();
+    rowByKey.clear();
+    keys.clear();
+    passOfRow.clear();
+    positions.clear();
+}
