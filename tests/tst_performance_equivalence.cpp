@@ -324,7 +324,7 @@ private slots:
             table.startPass(random.bounded(40));
             reference.clear();
             for (int step = random.bounded(200); step > 0; --step) {
-                const qint64 key = (qint64(random.bounded(-3, 4)) << 32) + random.bounded(64);
+                const qint64 key = qint64(random.bounded(-3, 4)) * (qint64(1) << 32) + random.bounded(64);
                 const int action = random.bounded(3);
                 if (action == 0) {
                     table.insert(key, step);
