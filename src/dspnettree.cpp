@@ -217,7 +217,8 @@ void DSPTree::assignDepths()
 {
     if (sameTopology)
         return;
-    assignDSPDepths(nullptr, &root, nodesById.size() + 1);
+    if (!fastDepths || !depthsFromRecords())
+        assignDSPDepths(nullptr, &root, nodesById.size() + 1);
     shapeDepths.resize(shapeRecords.size());
     const int count = shapeRecords.size();
     for (int i = 0; i < count; ++i) {
@@ -225,6 +226,46 @@ void DSPTree::assignDepths()
             Prefetch::object(shapeRecords.at(i + Prefetch::Distance).node);
         shapeDepths[i] = shapeRecords.at(i).node->depth;
     }
+}
+
+// The longest paths from the head, from the records alone. Every record is
+// one link, and a unit's first record comes after its consumer's, so one
+// pass in packet order gives each unit its consumer's depth plus one; a
+// later link from deeper raises the unit and everything it feeds. On an
+// acyclic network that is exactly what the walk computes. A cycle would
+// raise its units for ever: past a budget of raises the depths are undone
+// and the walk, which has its own rules for cycles, runs instead.
+bool DSPTree::depthsFromRecords()
+{
+    const int count = shapeRecords.size();
+    qint64 budget = 4 * qint64(count) + 1024;
+    QVector<DSPNode*> raised;
+    for (int i = 0; i < count; ++i) {
+        if (i + Prefetch::Distance < count)
+            Prefetch::object(shapeRecords.at(i + Prefetch::Distance).node);
+        const ShapeRecord& record = shapeRecords.at(i);
+        if (record.node->depth > record.parent->depth)
+            continue;
+        record.node->depth = record.parent->depth + 1;
+        if (record.first)
+            continue;
+        raised.append(record.node);
+        while (!raised.isEmpty()) {
+            const DSPNode* unit = raised.takeLast();
+            for (const DSPNode::InputRecord& input : unit->inputs) {
+                if (input.node->depth > unit->depth)
+                    continue;
+                if (--budget < 0) {
+                    for (const ShapeRecord& undone : qAsConst(shapeRecords))
+                        undone.node->depth = -1;
+                    return false;
+                }
+                input.node->depth = unit->depth + 1;
+                raised.append(input.node);
+            }
+        }
+    }
+    return true;
 }
 
 // Called for each record in walk order, after the record was appended.

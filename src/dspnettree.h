@@ -152,6 +152,7 @@ private:
     void dropUnreadUnits();
     void noteRecordTopology(DSPNode* node, DSPNode* parent, bool first);
     void assignDepths();
+    bool depthsFromRecords();
     void releaseUnits();
     bool groupsAsBuilt(const QByteArray& packet) const;
     void rememberGroups(const QByteArray& packet);
@@ -188,6 +189,10 @@ private:
     // true while the records read so far do.
     QVector<int> shapeDepths;
     bool sameTopology = false;
+    // Off, depths always come from the walk: the reference the pass over
+    // the records must match.
+    bool fastDepths = true;
+    friend class TestPerformanceEquivalence;
 
     // The groups packet the groups were last built from, the list built and
     // its values: a target repeats the same groups packet every update, and

@@ -549,6 +549,8 @@ private slots:
                 (running.tree.getValueSerial() != valueSerial ? inPlace : rebuilt)++;
 
                 ModelAndView fresh(excessive, inactive);
+                // Its depths come from the walk, the running model's from its records.
+                fresh.tree.fastDepths = false;
                 fresh.network.receiveBytes(groups);
                 // Selected after the groups: a layout without units clears it.
                 select(&fresh.graph, chosen, version);
