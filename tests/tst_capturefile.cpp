@@ -560,6 +560,10 @@ void TestCaptureFile::commandLine()
     QCOMPARE(options.recordFile, arguments.contains("--record") ? QStringLiteral("a.tcap") : QString());
     QCOMPARE(options.replayFile, arguments.contains("--replay") ? QStringLiteral("a.tcap") : QString());
     QCOMPARE(options.speed, arguments.contains("--speed") ? arguments.last().toDouble() : 1.0);
+    ProfilerForm form;
+    const QString title = options.recordFile.isEmpty() && options.replayFile.isEmpty() ? QString()
+        : options.recordFile.isEmpty() ? QStringLiteral(" - Replay of a.tcap") : QStringLiteral(" - Recording to a.tcap");
+    QCOMPARE(ProfilerSession(options, &form).windowTitle(), "TARN Profiler" + title);
 }
 
 QTEST_MAIN(TestCaptureFile)

@@ -9,6 +9,7 @@
 #include "profilersimplelabel.h"
 
 #include <QAbstractButton>
+#include <QApplication>
 #include <QGroupBox>
 #include <QLabel>
 #include <QLineEdit>
@@ -139,7 +140,6 @@ void TestMainForm::opensAtDefaultSizeWithEveryControlWhole()
     QVERIFY2(network->height() > graphs->height(),
              qPrintable(QStringLiteral("%1 vs %2").arg(network->height()).arg(graphs->height())));
     QCOMPARE(graphs->height(), graphs->minimumSizeHint().height());
-
     fillLegends(window);
     auto* tabs = window.findChild<QTabWidget*>();
     for (int tab = 0; tab < tabs->count(); ++tab) {
@@ -161,6 +161,17 @@ void TestMainForm::opensAtDefaultSizeWithEveryControlWhole()
     QCOMPARE(window.findChild<QLabel*>(QStringLiteral("statusLabel"))->text(), text);
     const QStringList cut = cutControls(window);
     QVERIFY2(cut.isEmpty(), qPrintable(cut.join(QStringLiteral("; "))));
+
+    // Dragged all the way up, the divider stops where the network view is at
+    // its smallest: neither view can be dragged out of sight.
+    QSplitterHandle* handle = window.findChild<QSplitter*>()->handle(1);
+    const QPoint grip(handle->width() / 2, 1);
+    const QPoint top = grip - QPoint(0, handle->y());
+    QTest::mousePress(handle, Qt::LeftButton, Qt::NoModifier, grip);
+    QMouseEvent drag(QEvent::MouseMove, top, handle->mapToGlobal(top), Qt::NoButton, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(handle, &drag);
+    QTest::mouseRelease(handle, Qt::LeftButton, Qt::NoModifier, top);
+    QCOMPARE(network->height(), network->minimumSizeHint().height());
 }
 
 void TestMainForm::wideWindowKeepsOneOptionRow()

@@ -110,6 +110,12 @@ void TestProfilerNetwork::largePacketInPieces()
     QThread::msleep(300);
     QVERIFY(QTest::qWaitFor([&] { return link.network.getNumWaitingPackets(3, 0) == 1; }, 5000));
     QCOMPARE(link.network.getPacket(1, 0), large);
+
+    // The queue has room for a network and a group list of the largest size at once.
+    ProfilerNetwork queue;
+    const int zeros = int(ProfilerNetwork::MaxPacketSize) - 12;
+    queue.receiveBytes(PacketBuilder(1, 0, 6).zeros(zeros).finish() + PacketBuilder(7, 0, 0).zeros(zeros).finish());
+    QVERIFY(queue.getNumWaitingPackets(1, 0) == 1 && queue.getNumWaitingPackets(7, 0) == 1);
 }
 
 void TestProfilerNetwork::brokenSizeIsASocketError_data()

@@ -13,43 +13,6 @@ PacketBuilder::PacketBuilder(quint8 type, quint8 subtype, quint8 version)
     bytes[10] = static_cast<char>(version);
 }
 
-PacketBuilder& PacketBuilder::u8(quint8 value)
-{
-    bytes.append(static_cast<char>(value));
-    return *this;
-}
-
-PacketBuilder& PacketBuilder::u16(quint16 value)
-{
-    char le[2];
-    qToLittleEndian(value, le);
-    bytes.append(le, 2);
-    return *this;
-}
-
-PacketBuilder& PacketBuilder::u32(quint32 value)
-{
-    char le[4];
-    qToLittleEndian(value, le);
-    bytes.append(le, 4);
-    return *this;
-}
-
-PacketBuilder& PacketBuilder::u64(quint64 value)
-{
-    char le[8];
-    qToLittleEndian(value, le);
-    bytes.append(le, 8);
-    return *this;
-}
-
-PacketBuilder& PacketBuilder::f32(float value)
-{
-    quint32 bits;
-    std::memcpy(&bits, &value, 4);
-    return u32(bits);
-}
-
 PacketBuilder& PacketBuilder::f32BigEndian(float value)
 {
     quint32 bits;

@@ -4,7 +4,7 @@
 #include <QByteArray>
 #include <QString>
 #include <QVector>
-#include <QtGlobal>
+#include <QtEndian>
 
 // Builds packets for tests: a 12-byte header followed by little-endian
 // fields. finish() writes the real size into the header; sizeOverride()
@@ -14,13 +14,13 @@ class PacketBuilder
 public:
     PacketBuilder(quint8 type, quint8 subtype, quint8 version);
 
-    PacketBuilder& u8(quint8 value);
-    PacketBuilder& u16(quint16 value);
-    PacketBuilder& i16(qint16 value) { return u16(static_cast<quint16>(value)); }
-    PacketBuilder& u32(quint32 value);
-    PacketBuilder& i32(qint32 value) { return u32(static_cast<quint32>(value)); }
-    PacketBuilder& u64(quint64 value);
-    PacketBuilder& f32(float value);
+    PacketBuilder& u8(quint8 value) { return field(value); }
+    PacketBuilder& u16(quint16 value) { return field(value); }
+    PacketBuilder& i16(qint16 value) { return field(value); }
+    PacketBuilder& u32(quint32 value) { return field(value); }
+    PacketBuilder& i32(qint32 value) { return field(value); }
+    PacketBuilder& u64(quint64 value) { return field(value); }
+    PacketBuilder& f32(float value) { return field(value); }
     PacketBuilder& f32BigEndian(float value);
     // A NUL-padded string in a field of exactly `width` bytes (cut if longer).
     PacketBuilder& fixedString(const QByteArray& utf8, int width);
@@ -34,6 +34,15 @@ public:
     QByteArray finishWithSize(quint32 size) const;
 
 private:
+    template<typename T>
+    PacketBuilder& field(T value)
+    {
+        char le[sizeof(T)];
+        qToLittleEndian(value, le);
+        bytes.append(le, sizeof(T));
+        return *this;
+    }
+
     QByteArray bytes;
 };
 
