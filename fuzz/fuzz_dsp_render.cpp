@@ -17,8 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size > 1024 * 1024)
         return -1;
-    FuzzProfiler profiler;
-    DSPNetGraph graph(profiler.dspTree.get());
+    ProfilerChain profiler;
+    DSPNetGraph graph(&profiler.dspTree);
     graph.setShowCPUUsage(true);
     graph.setShowVolumeLevels(true);
     graph.setShowGroups(true);
@@ -27,19 +27,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     graph.setShowLegend(true);
     graph.setHighlightName(QStringLiteral("0x1"));
     const QByteArray packet = packetFromFuzzInput(1, data, size);
-    profiler.network->receiveBytes(packet);
+    profiler.network.receiveBytes(packet);
 
     QImage image(256, 192, QImage::Format_ARGB32);
     image.fill(Qt::transparent);
     QPainter painter(&image);
     graph.renderTree(&painter, true);
 
-    profiler.network->receiveBytes(packet);
+    profiler.network.receiveBytes(packet);
     QByteArray changed = packet;
     // Past the header, so the packet keeps its type and size.
     for (int i = 12; i < changed.size(); i += 7)
         changed[i] = static_cast<char>(changed.at(i) + 1);
-    profiler.network->receiveBytes(changed);
+    profiler.network.receiveBytes(changed);
     graph.renderTree(&painter, true);
     return 0;
 }

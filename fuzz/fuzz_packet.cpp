@@ -8,7 +8,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size > 4 * 1024 * 1024)
         return -1;
-    FuzzProfiler profiler;
-    profiler.network->receiveBytes(packetFromFuzzInput(FUZZ_PACKET_TYPE, data, size));
+    ProfilerChain profiler;
+    profiler.network.receiveBytes(packetFromFuzzInput(FUZZ_PACKET_TYPE, data, size));
     return 0;
 }

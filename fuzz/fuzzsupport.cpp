@@ -1,12 +1,5 @@
 #include "fuzzsupport.h"
 
-#include "channelhistory.h"
-#include "codechistory.h"
-#include "cpuhistory.h"
-#include "dspnettree.h"
-#include "profilernetwork.h"
-#include "statshistory.h"
-
 #include <QApplication>
 #include <QtEndian>
 
@@ -29,18 +22,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     initFuzzApplication();
     return 0;
 }
-
-FuzzProfiler::FuzzProfiler()
-    : network(new ProfilerNetwork)
-    , dspTree(new DSPTree(network.get()))
-    , cpuHistory(new CPUHistory(network.get()))
-    , channelHistory(new ChannelHistory(network.get()))
-    , codecHistory(new CodecHistory(network.get()))
-    , statsHistory(new StatsHistory(network.get()))
-{
-}
-
-FuzzProfiler::~FuzzProfiler() = default;
 
 QByteArray packetFromFuzzInput(unsigned char type, const uint8_t* data, size_t size)
 {

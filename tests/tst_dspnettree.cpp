@@ -2,7 +2,6 @@
 #include "packetbuilder.h"
 
 #include <QElapsedTimer>
-#include <QRandomGenerator>
 
 #include <limits>
 #include <memory>
@@ -33,14 +32,6 @@ QByteArray packetV5(float cpu, const QVector<QVector<quint32>>& records, const Q
     return packet.finish();
 }
 
-QByteArray chain(int length, quint16 lastChildren = 0)
-{
-    QVector<DSPUnitV6> units;
-    for (int i = 1; i <= length; ++i)
-        units.append({ quint64(i), quint16(i < length ? 1 : lastChildren) });
-    return dspPacketV6(units);
-}
-
 // X(k-1) takes X(k) directly and through Y(k), so every unit feeds two consumers; ids are X(k) = k + 1,
 // Y(k) = levels + 1 + k. A walk that renumbers a unit on each longer path takes about 1.5 * levels^2 steps.
 void addLadderRow(const char* name, int levels, bool closed)
@@ -57,19 +48,6 @@ void addLadderRow(const char* name, int levels, bool closed)
     for (int k = 0; k <= 2 * levels; ++k)
         depths.append(k <= levels ? 2 * k : 2 * (k - levels) - 1);
     QTest::newRow(name) << dspPacketV6(units) << depths;
-}
-
-// The depth walk as first written, plain recursion: the model must agree with it.
-void referenceDepthWalk(QHash<DSPNode*, bool>* onPath, DSPNode* node)
-{
-    (*onPath)[node] = true;
-    for (const DSPNode::InputRecord& input : node->inputs) {
-        if (node->depth < input.node->depth || onPath->value(input.node))
-            continue;
-        input.node->depth = node->depth + 1;
-        referenceDepthWalk(onPath, input.node);
-    }
-    (*onPath)[node] = false;
 }
 
 } // namespace
@@ -144,7 +122,7 @@ private slots:
             PacketBuilder(1, 0, 2).f32(0.5f).u8(0).u64(1).fixedString("a", 32).u32(0).zeros(16).finish(),
             malformed, { v5 });
         row("child count 2^31-1", packetV5(0.5f, { { 1, 0x7fffffff, 1 }, { 2, 0, 1 } }), malformed, { v5 });
-        row("100000-unit chain cut short", chain(100000, 1), malformed, { v5 });
+        row("100000-unit chain cut short", dspChainV6(100000, 1), malformed, { v5 });
 
         const auto levels = [](int count, int db) {
             return "[" + (QString::number(db) + ',').repeated(count).chopped(1) + "]";
@@ -308,7 +286,7 @@ private slots:
 
         QVector<int> chainDepths(100000);
         std::iota(chainDepths.begin(), chainDepths.end(), 0);
-        QTest::newRow("100000-unit chain") << chain(100000) << chainDepths;
+        QTest::newRow("100000-unit chain") << dspChainV6(100000) << chainDepths;
         addLadderRow("ladder 20000 deep", 20000, false);
         addLadderRow("ladder whose bottom feeds the head", 20000, true);
     }
@@ -340,45 +318,6 @@ private slots:
         QCOMPARE(graph.nodeList.size(), depths.size());
         for (const DSPNetGraphicalNode& node : qAsConst(graph.nodeList))
             QCOMPARE(node.position.x(), depths.at(int(node.id) - 1) * 200 + 10);
-    }
-
-    void depthsMatchRecursiveWalk()
-    {
-        QRandomGenerator random(20240611);
-        for (int trial = 0; trial < 3000; ++trial) {
-            // Acyclic graphs take the linear path, cyclic ones the walk itself; some start from leftover
-            // depths and path marks (-1: not in the table).
-            const bool leftovers = trial % 5 == 0;
-            const int count = 1 + random.bounded(9);
-            QVector<int> depths, marks;
-            QVector<QPair<int, int>> edges;
-            for (int unit = 0; unit < count; ++unit) {
-                depths << (leftovers ? random.bounded(-2, 5) : -1);
-                marks << (leftovers ? int(random.bounded(4) == 0) : -1);
-                const int first = trial % 2 == 0 ? unit + 1 : 0;
-                for (int edge = random.bounded(4); edge > 0 && first < count; --edge)
-                    edges.append({ unit, first + random.bounded(count - first) });
-            }
-            QVector<int> results[2];
-            for (int copy = 0; copy < 2; ++copy) {
-                std::unique_ptr<DSPNode[]> units(new DSPNode[count]);
-                DSPNode root;
-                QHash<DSPNode*, bool> onPath;
-                for (int unit = 0; unit < count; ++unit) {
-                    units[unit].depth = depths.at(unit);
-                    if (marks.at(unit) >= 0)
-                        onPath.insert(&units[unit], marks.at(unit));
-                }
-                for (const auto& edge : qAsConst(edges))
-                    units[edge.first].inputs.append({ &units[edge.second], false, false });
-                root.inputs.append({ &units[0], false, false });
-                copy ? live->tree.createDSPDepthRecurse(&onPath, &root) : referenceDepthWalk(&onPath, &root);
-                for (int unit = 0; unit < count; ++unit)
-                    results[copy] << units[unit].depth
-                                  << (onPath.contains(&units[unit]) ? int(onPath[&units[unit]]) : -1);
-            }
-            QCOMPARE(results[1], results[0]);
-        }
     }
 
     void commandBytes()

@@ -4,6 +4,7 @@
 // profiler must keep turning its event loop, keep its memory bounded, say
 // what happened, keep what it showed and decode the next good packet.
 #include "dspnetgraph.h"
+#include "dspshapes.h"
 #include "loopbacktarget.h"
 #include "packetbuilder.h"
 #include "profilerchain.h"
@@ -50,30 +51,6 @@ QByteArray nextNetwork()
 QByteArray cpuPacket(float dsp)
 {
     return PacketBuilder(3, 0, 1).f32(dsp).f32(1).f32(2).f32(3).finish();
-}
-
-QByteArray chain(int units)
-{
-    QVector<DSPUnitV6> records;
-    records.reserve(units);
-    for (int i = 0; i < units; ++i)
-        records.append(unit(quint64(i + 1), quint16(i + 1 < units ? 1 : 0), "link"));
-    return dspPacketV6(records);
-}
-
-// Every unit below the head feeds both units of the rung above it; a
-// walk that follows every path visits 2^rungs of them. Rung r holds units
-// 2r and 2r + 1.
-QByteArray diamondLadder(int rungs)
-{
-    QVector<DSPUnitV6> records { unit(1, 2, "Head") };
-    for (int rung = 1; rung <= rungs; ++rung)
-        records.append(unit(quint64(2 * rung), quint16(rung < rungs ? 2 : 0), "A"));
-    records.append(unit(quint64(2 * rungs + 1), 0, "B"));
-    for (int rung = rungs - 1; rung >= 1; --rung)
-        records << unit(quint64(2 * rung + 1), 2, "B") << unit(quint64(2 * rung + 2), 0, "A")
-                << unit(quint64(2 * rung + 3), 0, "B");
-    return dspPacketV6(records);
 }
 
 qint64 residentKiB()
@@ -213,8 +190,10 @@ void TestHostileTarget::profilerSurvives_data()
     row("level count 255", dspPacketV6({ unit(5, 0, "Loud", 255) }), QString(), { "Loud" });
     row("cyclic network", dspPacketV6({ unit(1, 1, "A"), unit(2, 1, "B"), unit(3, 1, "C"), unit(1, 0, "A") }),
         QString(), { "A", "B", "C" });
-    row("chain 100000 deep", chain(100000), QString(), {});
-    row("diamond ladder 60 deep", diamondLadder(60), QString(), {});
+    row("chain 100000 deep", dspChainV6(100000), QString(), {});
+    // Every unit below the head feeds both units of the rung above it: a walk that follows every path
+    // visits 2^60 of them.
+    row("diamond ladder 60 deep", DSPShapes::makeDSPPacket(DSPShapes::DSPShape::DiamondLadder, 121), QString(), {});
 
     // Under AddressSanitizer a tenth: the run looks for crashes and leaks
     // there, not for throughput.

@@ -68,6 +68,14 @@ QByteArray dspPacketV6(const QVector<DSPUnitV6>& units, qint32 rate, qint32 leng
     return packet.finish();
 }
 
+QByteArray dspChainV6(int length, quint16 lastChildren)
+{
+    QVector<DSPUnitV6> units;
+    for (int i = 1; i <= length; ++i)
+        units.append({ quint64(i), quint16(i < length ? 1 : lastChildren) });
+    return dspPacketV6(units);
+}
+
 QByteArray readTestData(const QString& fileName)
 {
     QFile file(QStringLiteral(TARN_TEST_DATA_DIR "/") + fileName);

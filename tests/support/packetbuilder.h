@@ -62,6 +62,10 @@ struct DSPUnitV6
 // A whole DSP network packet of the current layout, records in the order given.
 QByteArray dspPacketV6(const QVector<DSPUnitV6>& units, qint32 rate = 48000, qint32 length = 1024);
 
+// A chain of `length` units, ids 1 to length, each the only input of the one before; the last claims
+// `lastChildren` more records than follow.
+QByteArray dspChainV6(int length, quint16 lastChildren = 0);
+
 // Reads a test vector file from the test data folder.
 QByteArray readTestData(const QString& fileName);
 
