@@ -6,8 +6,6 @@
 #include <QFont>
 #include <QFontMetrics>
 #include <QImage>
-#include <QPixmapCache>
-#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -57,8 +55,6 @@ private slots:
     void elidingLabel();
     void buttonPicksImageForState_data();
     void buttonPicksImageForState();
-    void buttonHitRect();
-    void buttonLoadsPathOnce();
 
 private:
     QString writeImage(const QString& name, QColor colour);
@@ -185,46 +181,6 @@ void TestCustomWidgets::buttonPicksImageForState()
         QCoreApplication::sendEvent(&button, &leave);
         QCOMPARE(centreColour(button), stateColours.at(0));
     }
-}
-
-void TestCustomWidgets::buttonHitRect()
-{
-    ProfilerPixmapButton button;
-    button.resize(40, 20);
-    button.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&button));
-    QSignalSpy clicked(&button, &QAbstractButton::clicked);
-
-    // An invalid rectangle, the default or an inverted one, means the whole widget.
-    const struct { QRect hitRect; QPoint at; bool hit; } cases[] = {
-        {QRect(), QPoint(39, 19), true},
-        {QRect(0, 0, 20, 20), QPoint(19, 10), true},
-        {QRect(0, 0, 20, 20), QPoint(20, 10), false},
-        {QRect(QPoint(20, 0), QPoint(0, 19)), QPoint(30, 10), true},
-    };
-    for (const auto& c : cases) {
-        button.setHitRect(c.hitRect);
-        clicked.clear();
-        QTest::mouseClick(&button, Qt::LeftButton, Qt::NoModifier, c.at);
-        QCOMPARE(clicked.count(), c.hit ? 1 : 0);
-    }
-}
-
-void TestCustomWidgets::buttonLoadsPathOnce()
-{
-    QPixmapCache::clear();
-    const QString path = writeImage("shared.png", Qt::red);
-    ProfilerPixmapButton first;
-    ProfilerPixmapButton second;
-    for (ProfilerPixmapButton* button : {&first, &second}) {
-        button->resize(20, 20);
-        button->setResourceMap({{ProfilerPixmapButton::PixmapStateNormal, path}});
-        QCOMPARE(centreColour(*button), QColor(Qt::red));
-        writeImage("shared.png", Qt::blue); // a second load would see blue
-    }
-
-    QPixmapCache::clear();
-    QCOMPARE(centreColour(second), QColor(Qt::blue));
 }
 
 QTEST_MAIN(TestCustomWidgets)

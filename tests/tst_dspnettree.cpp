@@ -263,22 +263,6 @@ private slots:
         QCOMPARE(live->tree.nodesById.keys(), QList<unsigned long long> { 3 });
     }
 
-    void onlyNewestPacketIsDecoded()
-    {
-        disconnect(&live->network, nullptr, &live->tree, nullptr);
-        live->target.send(dspPacketV6({ { 1, 0 } }) + readTestData("groups-v0.bin")
-                          + dspPacketV6({ { 2, 1 }, { 3, 0 } }));
-        QVERIFY(QTest::qWaitFor([this] { return live->network.getNumWaitingPackets(1, 0) == 2; }, 5000));
-        QVERIFY(QTest::qWaitFor([this] { return live->network.getNumWaitingPackets(7, 0) == 1; }, 5000));
-
-        live->tree.slotPacketArrived();
-        QCOMPARE(live->updated.count(), 1);
-        QCOMPARE(live->tree.nodesById.size(), 2);
-        QCOMPARE(live->tree.root.inputs.first().node->id, 2ull);
-        QCOMPARE(live->tree.groups.size(), 3);
-        QCOMPARE(live->network.getNumWaitingPackets(1, 0), 0);
-    }
-
     void largeNetworks_data()
     {
         QTest::addColumn<QByteArray>("packet");

@@ -10,7 +10,6 @@
 
 #include <QAbstractButton>
 #include <QApplication>
-#include <QGroupBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QScrollArea>
@@ -116,7 +115,6 @@ class TestMainForm : public QObject
 
 private slots:
     void opensAtDefaultSizeWithEveryControlWhole();
-    void wideWindowKeepsOneOptionRow();
     void scaleLabelsOnFirstPaint();
 };
 
@@ -172,30 +170,6 @@ void TestMainForm::opensAtDefaultSizeWithEveryControlWhole()
     QApplication::sendEvent(handle, &drag);
     QTest::mouseRelease(handle, Qt::LeftButton, Qt::NoModifier, top);
     QCOMPARE(network->height(), network->minimumSizeHint().height());
-}
-
-void TestMainForm::wideWindowKeepsOneOptionRow()
-{
-    MainForm window;
-    showAt(window, QSize(1900, 900));
-    const QList<QGroupBox*> boxes = window.findChildren<QGroupBox*>();
-    QCOMPARE(boxes.size(), 2);
-    auto* capture = window.findChildren<QAbstractButton*>().constLast();
-    const int row = boxes.first()->geometry().center().y();
-    QCOMPARE(boxes.last()->geometry().center().y(), row);
-    QVERIFY(qAbs(capture->mapTo(boxes.first()->parentWidget(), QPoint(0, capture->height() / 2)).y() - row) <= 1);
-    // Its "Show" boxes stay in one row too.
-    const QList<QAbstractButton*> shows = boxes.first()->findChildren<QAbstractButton*>();
-    QCOMPARE(shows.size(), 8);
-    for (const QAbstractButton* box : shows)
-        QCOMPARE(box->y(), shows.first()->y());
-
-    // Narrower, the same widgets wrap in the same order and none is lost.
-    window.resize(DefaultSize);
-    QTest::qWait(50);
-    QVERIFY(boxes.last()->y() > boxes.first()->y());
-    const QStringList cut = cutControls(window);
-    QVERIFY2(cut.isEmpty(), qPrintable(cut.join(QStringLiteral("; "))));
 }
 
 // The labels get their texts while the graph paints; they must be in place

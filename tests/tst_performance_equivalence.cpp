@@ -1,4 +1,4 @@
-#include "cpuhistory.h"
+#include "profilernetwork.h"
 #include "dspfixture.h"
 #include "dspplacements.h"
 #include "dspshapes.h"
@@ -13,6 +13,8 @@
 #include <QTest>
 
 #include <algorithm>
+#include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <vector>
@@ -20,80 +22,53 @@
 namespace
 {
 
-auto matching(quint8 type, quint8 subtype)
-{
-    return [=](const QByteArray& packet) {
-        return quint8(packet.at(8)) == type && quint8(packet.at(9)) == subtype;
-    };
-}
-
 // The packet queue before it was indexed by type: one list in arrival order, scanned from the front on every
-// count and take. The indexed queue must answer every question exactly as this does.
-class ScanningQueue
+// count and take, framed like the link and bounded to as many packets. The indexed queue must answer exactly as this does.
+struct ScanningQueue
 {
-public:
-    // Frames like the network; returns whether packetReady() would follow.
+    // Returns whether packetReady() would follow.
     bool receive(const QByteArray& bytes, bool paused)
     {
         received += bytes;
-        while (received.size() >= 12) {
-            const int size = int(qFromLittleEndian<quint32>(received.constData()));
-            if (received.size() < size)
-                break;
+        for (int size; received.size() >= 12 && received.size() >= (size = qFromLittleEndian<qint32>(received.data()));) {
             packets.append(received.left(size));
-            waitingBytes += size;
             received.remove(0, size);
-            while (packets.size() > ProfilerNetwork::MaxWaitingPackets
-                   || waitingBytes > ProfilerNetwork::MaxWaitingBytes)
-                waitingBytes -= packets.takeFirst().size();
+            if (packets.size() > ProfilerNetwork::MaxWaitingPackets)
+                packets.removeFirst();
         }
         const bool ready = !packets.isEmpty() && !paused;
-        if (paused) {
+        if (paused)
             packets.clear();
-            waitingBytes = 0;
-        }
         return ready;
     }
 
     int count(quint8 type, quint8 subtype) const
     {
-        return int(std::count_if(packets.begin(), packets.end(), matching(type, subtype)));
+        return int(std::count_if(packets.begin(), packets.end(), is(type, subtype)));
     }
 
     QByteArray take(quint8 type, quint8 subtype)
     {
-        const auto found = std::find_if(packets.begin(), packets.end(), matching(type, subtype));
-        if (found == packets.end())
-            return QByteArray();
-        const QByteArray packet = *found;
-        waitingBytes -= packet.size();
-        packets.erase(found);
-        return packet;
+        const int found = int(std::find_if(packets.begin(), packets.end(), is(type, subtype)) - packets.begin());
+        return found < packets.size() ? packets.takeAt(found) : QByteArray();
     }
 
-private:
+    static std::function<bool(const QByteArray&)> is(quint8 type, quint8 subtype)
+    {
+        return [=](const QByteArray& packet) { return quint8(packet.at(8)) == type && quint8(packet.at(9)) == subtype; };
+    }
+
     QList<QByteArray> packets;
     QByteArray received;
-    qint64 waitingBytes = 0;
 };
 
-// The streams the collectors take, commands echoed back, and types nobody takes, which stay queued in front
-// of everything else. CPU data (3, 0) is last: only randomPacket's numbered packets have it.
-const std::pair<quint8, quint8> Kinds[] = {
-    { 1, 0 }, { 4, 0 }, { 5, 0 }, { 7, 0 }, { 9, 0 }, { 1, 1 }, { 3, 2 }, { 2, 0 }, { 6, 0 }, { 8, 0 },
-    { 3, 0 },
-};
-const int NumKinds = int(sizeof Kinds / sizeof Kinds[0]);
+// The streams the collectors take, commands echoed back, and types nobody takes.
+const std::pair<quint8, quint8> Kinds[] = { { 1, 0 }, { 4, 0 }, { 5, 0 }, { 7, 0 }, { 9, 0 }, { 1, 1 },
+                                            { 3, 2 }, { 2, 0 }, { 6, 0 }, { 8, 0 }, { 3, 0 } };
 
-// A CPU packet's first field is a running number, so the history shows exactly which packets were taken and
-// in what order.
-QByteArray randomPacket(QRandomGenerator& random, int cpuShare, float* serial)
+QByteArray randomPacket(QRandomGenerator& random)
 {
-    if (int(random.bounded(100)) < cpuShare) {
-        *serial += 1.0f;
-        return PacketBuilder(3, 0, 1).f32(*serial).f32(0).f32(0).f32(0).f32(0).finish();
-    }
-    const auto kind = Kinds[random.bounded(NumKinds - 1)];
+    const auto kind = Kinds[random.bounded(int(std::size(Kinds)))];
     PacketBuilder builder(kind.first, kind.second, 0);
     for (int i = int(random.bounded(40)); i > 0; --i)
         builder.u8(quint8(random.bounded(256)));
@@ -240,72 +215,48 @@ private slots:
         QTest::addColumn<quint32>("seed");
         QTest::addColumn<int>("steps");
         QTest::addColumn<int>("maxBurst"); // packets per receive: above the queue's bound, the oldest go
-        QTest::addColumn<int>("cpuShare");
         QTest::addColumn<int>("pausePercent");
 
-        QTest::newRow("light traffic") << 1u << 3000 << 4 << 30 << 0;
-        QTest::newRow("bursts past the bound") << 3u << 400 << 1500 << 20 << 0;
-        QTest::newRow("mostly untaken types") << 4u << 2000 << 40 << 5 << 0;
-        QTest::newRow("pause toggling") << 5u << 3000 << 20 << 30 << 10;
-        QTest::newRow("only CPU packets") << 6u << 1000 << 30 << 100 << 0;
+        QTest::newRow("light traffic") << 1u << 3000 << 4 << 0;
+        QTest::newRow("bursts past the bound") << 3u << 400 << 1500 << 0;
+        QTest::newRow("pause toggling") << 5u << 3000 << 20 << 10;
     }
 
-    // Random streams cut anywhere (packet boundaries included), random counts and takes in between, and a CPU
-    // history draining its own packets on every packetReady(): every answer must be the scanning one.
+    // Random streams cut anywhere (packet boundaries included), random counts and takes in between: every
+    // answer must be the scanning one, and what is left comes out in the same order, type by type.
     void indexedQueueMatchesScanningQueue()
     {
         QFETCH(quint32, seed);
         QFETCH(int, steps);
         QFETCH(int, maxBurst);
-        QFETCH(int, cpuShare);
         QFETCH(int, pausePercent);
 
         QRandomGenerator random(seed);
         ProfilerNetwork network;
-        CPUHistory history(&network);
         QSignalSpy ready(&network, &ProfilerNetwork::packetReady);
         ScanningQueue reference;
-        QList<float> referenceHistory;
         int referenceReady = 0;
-        float serial = 0.0f;
         QByteArray pending;
         for (int step = 0; step < steps; ++step) {
             const int action = int(random.bounded(10));
+            const auto kind = Kinds[random.bounded(int(std::size(Kinds)))];
             if (action < 5) {
                 for (int i = 1 + int(random.bounded(quint32(maxBurst))); i > 0; --i)
-                    pending += randomPacket(random, cpuShare, &serial);
+                    pending += randomPacket(random);
                 const int cut = random.bounded(2) ? pending.size() : int(random.bounded(pending.size() + 1));
-                const QByteArray chunk = pending.left(cut);
-                pending.remove(0, cut);
                 network.paused = int(random.bounded(100)) < pausePercent;
-                network.receiveBytes(chunk);
-                if (reference.receive(chunk, network.paused)) {
-                    ++referenceReady;
-                    while (reference.count(3, 0) != 0)
-                        referenceHistory << qFromLittleEndian<float>(reference.take(3, 0).constData() + 12);
-                    while (referenceHistory.size() > HistoryCollector::MaxHistorySize)
-                        referenceHistory.removeFirst();
-                }
+                network.receiveBytes(pending.left(cut));
+                referenceReady += reference.receive(pending.left(cut), network.paused);
+                pending.remove(0, cut);
+            } else if (action < 8) {
+                QCOMPARE(network.getNumWaitingPackets(kind.first, kind.second), reference.count(kind.first, kind.second));
             } else {
-                const auto kind = Kinds[random.bounded(NumKinds)];
-                if (action < 8)
-                    QCOMPARE(network.getNumWaitingPackets(kind.first, kind.second),
-                             reference.count(kind.first, kind.second));
-                else
-                    QCOMPARE(network.getPacket(kind.first, kind.second),
-                             reference.take(kind.first, kind.second));
+                QCOMPARE(network.getPacket(kind.first, kind.second), reference.take(kind.first, kind.second));
             }
             QCOMPARE(ready.count(), referenceReady);
         }
-
-        QList<float> taken;
-        for (const CPUUsageSnapshot& snapshot : qAsConst(*history.getHistoryList()))
-            taken.append(snapshot.dsp);
-        QCOMPARE(taken, referenceHistory);
-        // What is left comes out in the same order, type by type.
         for (const auto& kind : Kinds) {
-            QCOMPARE(network.getNumWaitingPackets(kind.first, kind.second),
-                     reference.count(kind.first, kind.second));
+            QCOMPARE(network.getNumWaitingPackets(kind.first, kind.second), reference.count(kind.first, kind.second));
             for (QByteArray expected; !(expected = reference.take(kind.first, kind.second)).isNull();)
                 QCOMPARE(network.getPacket(kind.first, kind.second), expected);
             QVERIFY(network.getPacket(kind.first, kind.second).isNull());
