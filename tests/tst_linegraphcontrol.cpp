@@ -93,7 +93,6 @@ class TestLineGraphControl : public QObject
 
 private slots:
     void rowsAndSpinBoxes();
-    void cpuFeedsNewSnapshots();
     void statsThenChannelAndCodecPaths();
 };
 
@@ -147,41 +146,6 @@ void TestLineGraphControl::rowsAndSpinBoxes()
     QCOMPARE(cpu->getMaximum(), 100.0f);
     spinBox->stepUp();
     QCOMPARE(cpu->getMaximum(), 80.0f);
-}
-
-// Only the announced snapshots are fed, clamped to the list; the legend
-// shows the newest snapshot even when nothing new was fed.
-void TestLineGraphControl::cpuFeedsNewSnapshots()
-{
-    const struct
-    {
-        int listSize;
-        int numNewSnapshots;
-        QList<int> fed;
-    } cases[] = {{10, 3, {7, 8, 9}}, {10, 0, {}}, {4, 9, {0, 1, 2, 3}}, {4, -2, {}}, {0, 3, {}}};
-    for (const auto& c : cases) {
-        Panel panel;
-        // The snapshot fields in declaration order, each 0.25 above the previous.
-        for (float base = 0; base < c.listSize * 10; base += 10)
-            panel.chain.cpuHistory.getHistoryList()->append({base, base + 0.25f, base + 0.5f, base + 0.75f, base + 1});
-        panel.spinBox(0)->setMaximum(5);
-        QStringList log;
-        panel.recordFeeds(&log);
-
-        emit panel.chain.cpuHistory.historyUpdated(c.numNewSnapshots);
-
-        QStringList expected;
-        for (int i : c.fed) {
-            for (const char* field : {"DSP=%1", "Stream=%1.25", "Geometry=%1.5", "Update=%1.75"})
-                expected << QString(field).arg(i * 10);
-            expected << QString("Total=%1").arg(i * 10 + 1);
-        }
-        QCOMPARE(log, expected);
-        const QString newest = c.listSize ? QString::number((c.listSize - 1) * 10.0 + 0.5, 'f', 2) : "0.00";
-        QCOMPARE(panel.row("Geometry")->getValueText(),
-                 QString("%1 [0.00 - 0.00] / %2%").arg(newest, c.listSize ? "100.00" : "0.00"));
-        QCOMPARE(panel.spinBox(0)->maximum(), c.listSize ? 100 : 5);
-    }
 }
 
 // The statistics fill every tab; the channel and codec histories then
