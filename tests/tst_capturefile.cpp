@@ -11,14 +11,9 @@
 #include "simengine.h"
 #include "targetserver.h"
 
-#include <QElapsedTimer>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
-#include <QRandomGenerator>
-#include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QtEndian>
 #include <QtTest>
 
 #include <zstd.h>
@@ -32,8 +27,7 @@ const QByteArray EndMarker(8, '\0');
 QByteArray randomBytes(QRandomGenerator& random, int size)
 {
     QByteArray bytes(size, '\0');
-    for (char& byte : bytes)
-        byte = char(random.bounded(256));
+    std::generate(bytes.begin(), bytes.end(), [&random] { return char(random.bounded(256)); });
     return bytes;
 }
 
@@ -50,9 +44,7 @@ QVector<qint64> frameOffsets(const QByteArray& file)
 
 QByteArray le32(quint32 value)
 {
-    char bytes[4];
-    qToLittleEndian<quint32>(value, bytes);
-    return QByteArray(bytes, 4);
+    return PacketBuilder(0, 0, 0).u32(value).finish().mid(12);
 }
 
 QByteArray zstdFrame(const QByteArray& raw, bool checksum)
@@ -143,29 +135,6 @@ Records demoSession(int units, int seconds)
     return records;
 }
 
-// A link fed by a replay, with what it announced and every packet it framed.
-struct ReplayedLink
-{
-    ReplayedLink()
-        : replay(&network)
-        , finished(&replay, &CaptureReplay::finished)
-    {
-        QObject::connect(&network, &ProfilerNetwork::packetReady, [this] {
-            for (int key = 0; key < 0x10000; ++key) {
-                while (network.getNumWaitingPackets(quint8(key >> 8), quint8(key)) > 0)
-                    packets << network.getPacket(quint8(key >> 8), quint8(key));
-            }
-        });
-        QObject::connect(&network, &ProfilerNetwork::statusChanged, [this](const QString& text) { statuses << text; });
-    }
-
-    ProfilerNetwork network;
-    CaptureReplay replay;
-    QSignalSpy finished;
-    QList<QByteArray> packets;
-    QStringList statuses;
-};
-
 } // namespace
 
 class TestCaptureFile : public QObject
@@ -207,13 +176,12 @@ void TestCaptureFile::initTestCase()
     // stream, for the default game and a large one.
     for (int units : { 60, 10000 }) {
         const Records records = units == 60 ? framedRecords : demoSession(units, 4);
-        CaptureWriter writer;
-        QVERIFY(writer.open(dir.filePath("goal.tcap"), testHeader()));
+        qint64 raw = 0;
         for (const Record& record : records)
-            writer.append(record);
-        writer.close();
-        qInfo("%d units, 4 s: raw %lld bytes, stored %lld bytes", units, writer.rawBytes(), writer.storedBytes());
-        QVERIFY(writer.storedBytes() * 8 <= writer.rawBytes());
+            raw += record.bytes.size();
+        const qint64 stored = writeCapture(dir.filePath("goal.tcap"), records).size();
+        qInfo("%d units, 4 s: raw %lld bytes, stored %lld bytes", units, raw, stored);
+        QVERIFY(stored * 8 <= raw);
         QVERIFY(readCapture(dir.filePath("goal.tcap")).records == records);
     }
 }
@@ -252,8 +220,7 @@ void TestCaptureFile::roundTrip()
 void TestCaptureFile::layoutByteByByte()
 {
     const QByteArray first = QByteArray::fromHex("00112233445566778899aabbccddeeff");
-    QByteArray second = first;
-    second[15] = char(0xfe);
+    const QByteArray second = first.left(15) + '\xfe';
     const QByteArray file = writeCapture(dir.filePath("layout.tcap"),
                                          { { 5, RecordKind::Connected, "h:1" },
                                            { 7, RecordKind::Received, packet(3, first) + packet(3, second) },
@@ -362,9 +329,8 @@ void TestCaptureFile::damageIsReportedWithItsOffset()
     QFETCH(QString, what);
     QFETCH(int, recordsBefore);
     const ReadResult result = readCapture(QStringLiteral("test.tcap"), &file);
-    QVERIFY(result.hasError() && !result.truncated);
     const QString expected = QStringLiteral("test.tcap: offset %1: %2").arg(offset).arg(what);
-    QVERIFY2(result.errorString.startsWith(expected), qPrintable(result.errorString));
+    QVERIFY2(result.errorString.startsWith(expected) && !result.truncated, qPrintable(result.errorString));
     QVERIFY(!result.errorString.contains(QLatin1Char('\n')));
     QCOMPARE(result.records.size(), recordsBefore);
 }
@@ -400,8 +366,7 @@ void TestCaptureFile::liveFileAndRecordTimes()
     QVERIFY(done.whole());
     QCOMPARE(done.records.size(), 6);
     QCOMPARE(done.records[4].timeUs, later);
-    QCOMPARE(done.records[5].kind, RecordKind::Disconnected);
-    QVERIFY(done.records[5].timeUs >= later);
+    QVERIFY(done.records[5].kind == RecordKind::Disconnected && done.records[5].timeUs >= later);
 }
 
 void TestCaptureFile::replay_data()
@@ -448,29 +413,39 @@ void TestCaptureFile::replay()
                     at(1, RecordKind::Disconnected), at(1, RecordKind::Connected, "127.0.0.1:9264") };
     for (int i = 0; i < 7; ++i)
         paced << received(1 + i * 0.1, packet(3, le32(quint32(i))));
-    QByteArray file = writeCapture(fileName, paced << at(1.6, RecordKind::Disconnected));
-    file = fileEnd.startsWith('-') ? file.chopped(-fileEnd.toInt()) : file + fileEnd;
-    QVERIFY(writeFile(fileName, file));
+    const QByteArray file = writeCapture(fileName, paced << at(1.6, RecordKind::Disconnected));
+    QVERIFY(writeFile(fileName, fileEnd.startsWith('-') ? file.chopped(-fileEnd.toInt()) : file + fileEnd));
     TargetServer target(TargetSettings {});
     QVERIFY(target.listen(QHostAddress::LocalHost, 0));
-    ReplayedLink replayed;
-    ProfilerNetwork& network = replayed.network;
+    // Every packet the link framed, whatever its type, and what it announced.
+    QList<QByteArray> packets;
+    QStringList announced;
+    ProfilerNetwork network;
+    CaptureReplay replay(&network);
+    QSignalSpy finished(&replay, &CaptureReplay::finished);
+    connect(&network, &ProfilerNetwork::packetReady, [&] {
+        for (int key = 0; key < 0x10000; ++key) {
+            while (network.getNumWaitingPackets(quint8(key >> 8), quint8(key)) > 0)
+                packets << network.getPacket(quint8(key >> 8), quint8(key));
+        }
+    });
+    connect(&network, &ProfilerNetwork::statusChanged, [&](const QString& text) { announced << text; });
     network.connectToHost(QStringLiteral("127.0.0.1"), target.getPort());
     QVERIFY(QTest::qWaitFor([&] { return network.isConnected(); }, 5000));
-    replayed.statuses.clear();
+    announced.clear();
 
     QElapsedTimer clock;
     clock.start();
-    replayed.replay.setSpeed(speed);
-    QVERIFY(replayed.replay.open(fileName));
-    replayed.replay.start();
+    replay.setSpeed(speed);
+    QVERIFY(replay.open(fileName));
+    replay.start();
     QTest::qWait(action.isEmpty() ? 0 : 150);
-    const int before = replayed.packets.size();
+    const int before = packets.size();
     TARN::ProfilePacketHeader command = TARN::makeHeader(12, 1, 1, 0);
     if (action == QLatin1String("pause")) {
         network.paused = true;
         QTest::qWait(400);
-        QCOMPARE(replayed.packets.size(), before);
+        QCOMPARE(packets.size(), before);
         network.paused = false;
     } else if (action == QLatin1String("command")) {
         network.sendCommand(&command);
@@ -479,14 +454,14 @@ void TestCaptureFile::replay()
         network.disconnectFromHost();
         QVERIFY(!network.isConnected());
     }
-    QVERIFY(replayed.finished.count() == 1 || replayed.finished.wait(5000));
+    QVERIFY(finished.count() == 1 || finished.wait(5000));
     QVERIFY2(clock.elapsed() >= minMs && clock.elapsed() <= maxMs, qPrintable(QString::number(clock.elapsed())));
     QTest::qWait(action == QLatin1String("disconnect") ? 200 : 0);
-    QCOMPARE(replayed.packets.size(), action == QLatin1String("disconnect") ? before : 7);
-    QCOMPARE(replayed.packets.last(), packet(3, le32(quint32(replayed.packets.size() - 1))));
-    QCOMPARE(replayed.statuses.size(), statuses.size());
-    QCOMPARE(replayed.statuses.mid(0, statuses.size() - 1), statuses.mid(0, statuses.size() - 1));
-    QVERIFY2(replayed.statuses.last().startsWith(statuses.last()), qPrintable(replayed.statuses.last()));
+    QCOMPARE(packets.size(), action == QLatin1String("disconnect") ? before : 7);
+    QCOMPARE(packets.last(), packet(3, le32(quint32(packets.size() - 1))));
+    QCOMPARE(announced.size(), statuses.size());
+    QCOMPARE(announced.mid(0, statuses.size() - 1), statuses.mid(0, statuses.size() - 1));
+    QVERIFY2(announced.last().startsWith(statuses.last()), qPrintable(announced.last()));
     QVERIFY(!network.isConnected());
 }
 
@@ -500,9 +475,7 @@ void TestCaptureFile::recordingToAFullDiskKeepsTheLinkUp()
     QVERIFY(QTest::qWaitFor([&] { return form.getNetwork()->isConnected(); }, 5000));
 
     // Started on a live link, so the failure cannot come before "Connected.".
-    ProfilerOptions options;
-    options.recordFile = QStringLiteral("/dev/full");
-    ProfilerSession session(options, &form);
+    ProfilerSession session(ProfilerOptions { QStringLiteral("/dev/full"), QString(), 1.0 }, &form);
     QString error;
     QVERIFY2(session.start(&error), qPrintable(error));
     QCOMPARE(form.windowTitle(), QStringLiteral("TARN Profiler - Recording to /dev/full"));
@@ -526,32 +499,28 @@ void TestCaptureFile::recordingToAFullDiskKeepsTheLinkUp()
 void TestCaptureFile::commandLine_data()
 {
     QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<int>("result");
-    QTest::addColumn<QString>("message"); // for a usage error: what follows "tarn-profiler: "
+    QTest::addColumn<QString>("message"); // a usage error's text after "tarn-profiler: ", empty for a run
 
-    const auto row = [](const char* name, const QStringList& arguments, int result, const QString& message) {
-        QTest::newRow(name) << (QStringList { "tarn-profiler" } + arguments) << result << message;
+    const auto row = [](const char* name, const QStringList& arguments, const QString& message = QString()) {
+        QTest::newRow(name) << (QStringList { "tarn-profiler" } + arguments) << message;
     };
-    row("plain", {}, ProfilerSession::Run, QString());
-    row("record", { "--record", "a.tcap" }, ProfilerSession::Run, QString());
-    row("replay at a speed", { "--replay", "a.tcap", "--speed", "2.5" }, ProfilerSession::Run, QString());
-    row("replay at full speed", { "--replay", "a.tcap", "--speed", "0" }, ProfilerSession::Run, QString());
-    row("both files", { "--record", "a", "--replay", "b" }, ProfilerSession::UsageError,
-        "--record and --replay cannot be used together.");
-    row("speed without replay", { "--speed", "2" }, ProfilerSession::UsageError,
-        "--speed only applies to --replay.");
-    row("negative speed", { "--replay", "a", "--speed", "-1" }, ProfilerSession::UsageError,
-        "--speed takes a number of 0 or more, not '-1'.");
-    row("stray argument", { "a.tcap" }, ProfilerSession::UsageError, "unexpected argument 'a.tcap'.");
+    row("plain", {});
+    row("record", { "--record", "a.tcap" });
+    row("replay at a speed", { "--replay", "a.tcap", "--speed", "2.5" });
+    row("replay at full speed", { "--replay", "a.tcap", "--speed", "0" });
+    row("both files", { "--record", "a", "--replay", "b" }, "--record and --replay cannot be used together.");
+    row("speed without replay", { "--speed", "2" }, "--speed only applies to --replay.");
+    row("negative speed", { "--replay", "a", "--speed", "-1" }, "--speed takes a number of 0 or more, not '-1'.");
+    row("stray argument", { "a.tcap" }, "unexpected argument 'a.tcap'.");
 }
 
 void TestCaptureFile::commandLine()
 {
     QFETCH(QStringList, arguments);
-    QFETCH(int, result);
     QFETCH(QString, message);
     ProfilerOptions options;
     QString text;
+    const int result = message.isEmpty() ? ProfilerSession::Run : ProfilerSession::UsageError;
     QCOMPARE(int(ProfilerSession::parse(arguments, &options, &text)), result);
     if (result == ProfilerSession::UsageError) {
         QVERIFY2(text.startsWith("tarn-profiler: " + message + "\n"), qPrintable(text));
@@ -561,8 +530,8 @@ void TestCaptureFile::commandLine()
     QCOMPARE(options.replayFile, arguments.contains("--replay") ? QStringLiteral("a.tcap") : QString());
     QCOMPARE(options.speed, arguments.contains("--speed") ? arguments.last().toDouble() : 1.0);
     ProfilerForm form;
-    const QString title = options.recordFile.isEmpty() && options.replayFile.isEmpty() ? QString()
-        : options.recordFile.isEmpty() ? QStringLiteral(" - Replay of a.tcap") : QStringLiteral(" - Recording to a.tcap");
+    const QString title = !options.recordFile.isEmpty() ? " - Recording to " + options.recordFile
+        : options.replayFile.isEmpty() ? QString() : " - Replay of " + options.replayFile;
     QCOMPARE(ProfilerSession(options, &form).windowTitle(), "TARN Profiler" + title);
 }
 

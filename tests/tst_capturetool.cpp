@@ -5,11 +5,8 @@
 #include "profilepacket.h"
 #include "targetserver.h"
 
-#include <QDir>
-#include <QProcess>
 #include <QTcpServer>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 #include <csignal>
 
@@ -48,9 +45,7 @@ int runTool(const QStringList& arguments, QString* err = nullptr, int interruptA
 {
     QProcess process;
     // Files and messages use the C notation whatever the user's locale.
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("de_DE.UTF-8"));
-    process.setProcessEnvironment(environment);
+    qputenv("LC_ALL", "de_DE.UTF-8");
     process.start(QStringLiteral(TARN_CAPTURE_TOOL), arguments);
     if (!process.waitForStarted())
         return -1;
@@ -129,10 +124,9 @@ void TestCaptureTool::initTestCase()
     QVERIFY(dir.isValid());
     exportFile = dir.filePath(QStringLiteral("exports.tcap"));
     const QByteArray bytes = writeCapture(exportFile, exportRecords());
-    QByteArray damaged = bytes;
-    damaged[damaged.size() - 2] = char(damaged.at(damaged.size() - 2) ^ 0x5a);
     QVERIFY(writeFile(dir.filePath("truncated.tcap"), bytes.chopped(3)));
-    QVERIFY(writeFile(dir.filePath("damaged.tcap"), damaged));
+    // A byte of the end marker changed.
+    QVERIFY(writeFile(dir.filePath("damaged.tcap"), QByteArray(bytes).replace(bytes.size() - 2, 1, "Z")));
 }
 
 void TestCaptureTool::recordsTheSimulatedGame_data()
@@ -211,8 +205,7 @@ void TestCaptureTool::exitCodes()
     QFETCH(int, exitCode);
     QFETCH(QString, message);
 
-    QTcpServer target;
-    QTcpServer closed;
+    QTcpServer target, closed;
     QVERIFY(target.listen(QHostAddress::LocalHost, 0) && closed.listen(QHostAddress::LocalHost, 0));
     arguments.replaceInStrings(QStringLiteral("%target"), QString::number(target.serverPort()));
     arguments.replaceInStrings(QStringLiteral("%refused"), QString::number(closed.serverPort()));
@@ -233,40 +226,38 @@ void TestCaptureTool::exports_data()
     QTest::addColumn<QString>("output");
     QTest::addColumn<QString>("expected");
     const QStringList csv { "--csv", "OUT" };
-    QTest::newRow("cpu") << csv << "cpu.csv"
-                         << "time,dsp,stream,geometry,update,total\n0.100000,1.5,0.1,0.33333334,2.5,4.4333334\n"
-                            "0.100000,2.25,0.1,0,2.5,4.85\n0.250000,1e-07,0.1,0.33333334,2.5,2.9333334\n"
-                            "2.400000,3,0.1,0,2.5,5.6\n";
-    QTest::newRow("channels") << csv << "channels.csv"
-                              << "time,hardwareUsed,hardwareCapacity,softwareUsed,softwareCapacity,realUsed,"
-                                 "realCapacity,virtualUsed,virtualCapacity,playingUsed,playingCapacity\n"
-                                 "0.100000,-3,-2,-1,0,-4,-2,1,2,-3,2\n";
-    QTest::newRow("codecs") << csv << "codecs.csv"
-                            << "time,mpegUsed,mpegCapacity,adpcmUsed,adpcmCapacity,xmaUsed,xmaCapacity,pcmUsed,"
-                               "pcmCapacity\n0.200000,100,101,102,103,104,105,106,107\n";
-    QTest::newRow("stats") << csv << "stats.csv"
-                           << "time,dsp,stream,update,geometry,total,realChannels,virtualChannels,playingChannels,"
-                              "adpcm,tadpcm,mpeg,vorbis,xma,at9,pcm,memory\n"
-                              "0.125000,3.5,0.5,0.25,0.125,4.375,0,6,6,12,18,24,30,36,42,48,123.456795\n"
-                              "0.200000,4.75,0.5,0.25,0.125,5.625,0,6,6,12,18,24,30,36,42,48,123.456795\n";
+    const auto row = [](const char* name, const QStringList& options, const char* output, const QString& expected) {
+        QTest::newRow(name) << options << output << expected;
+    };
+    row("cpu", csv, "cpu.csv",
+        "time,dsp,stream,geometry,update,total\n0.100000,1.5,0.1,0.33333334,2.5,4.4333334\n"
+        "0.100000,2.25,0.1,0,2.5,4.85\n0.250000,1e-07,0.1,0.33333334,2.5,2.9333334\n2.400000,3,0.1,0,2.5,5.6\n");
+    row("channels", csv, "channels.csv",
+        "time,hardwareUsed,hardwareCapacity,softwareUsed,softwareCapacity,realUsed,realCapacity,virtualUsed,"
+        "virtualCapacity,playingUsed,playingCapacity\n0.100000,-3,-2,-1,0,-4,-2,1,2,-3,2\n");
+    row("codecs", csv, "codecs.csv",
+        "time,mpegUsed,mpegCapacity,adpcmUsed,adpcmCapacity,xmaUsed,xmaCapacity,pcmUsed,pcmCapacity\n"
+        "0.200000,100,101,102,103,104,105,106,107\n");
+    row("stats", csv, "stats.csv",
+        "time,dsp,stream,update,geometry,total,realChannels,virtualChannels,playingChannels,"
+        "adpcm,tadpcm,mpeg,vorbis,xma,at9,pcm,memory\n"
+        "0.125000,3.5,0.5,0.25,0.125,4.375,0,6,6,12,18,24,30,36,42,48,123.456795\n"
+        "0.200000,4.75,0.5,0.25,0.125,5.625,0,6,6,12,18,24,30,36,42,48,123.456795\n");
+    const auto units = [&](const char* name, const QStringList& every, const QStringList& times) {
+        row(name, csv + every, "dsp-units.csv", dspUnitRows(times));
+    };
     const QStringList all { "0.300000", "0.600000", "0.900000", "1.200000", "1.500000", "2.000000" };
-    QTest::newRow("dsp units every 1 s") << csv << "dsp-units.csv" << dspUnitRows({ "0.300000", "1.500000" });
-    QTest::newRow("dsp units every update") << csv + QStringList { "--dsp-every", "0" } << "dsp-units.csv"
-                                            << dspUnitRows(all);
-    QTest::newRow("dsp units at gaps of exactly 0.3 s") << csv + QStringList { "--dsp-every", "0.3" }
-                                                        << "dsp-units.csv" << dspUnitRows(all);
-    QTest::newRow("dsp units every 0.5 s") << csv + QStringList { "--dsp-every", "0.5" } << "dsp-units.csv"
-                                           << dspUnitRows({ "0.300000", "0.900000", "1.500000", "2.000000" });
+    units("dsp units every 1 s", {}, { "0.300000", "1.500000" });
+    units("dsp units every update", { "--dsp-every", "0" }, all);
+    units("dsp units at gaps of exactly 0.3 s", { "--dsp-every", "0.3" }, all);
+    units("dsp units every 0.5 s", { "--dsp-every", "0.5" }, { "0.300000", "0.900000", "1.500000", "2.000000" });
     const QString head = QStringLiteral("digraph dsp {\n    rankdir=RL;\n    node [shape=box];\n");
-    QTest::newRow("dot of the first network") << QStringList { "--dot", "1.9", "OUT/net.dot" } << "net.dot"
-                                              << head + "    7 [label=\"Master\\n25.00 %\"];\n"
-                                                        "    8 [label=\"Bus, \\\"A\\\" \\\\ 1\\n12.50 %\"];\n"
-                                                        "    10 [label=\"Key\\n6.25 %\"];\n"
-                                                        "    9 [label=\"Echo\\n50.00 %\"];\n"
-                                                        "    8 -> 7;\n    9 -> 7 [style=dashed];\n"
-                                                        "    10 -> 8 [style=dotted];\n}\n";
-    QTest::newRow("dot at the second update") << QStringList { "--dot", "2", "OUT/net.dot" } << "net.dot"
-                                              << head + "    5 [label=\"Solo\\n12.50 %\"];\n}\n";
+    row("dot of the first network", { "--dot", "1.9", "OUT/net.dot" }, "net.dot",
+        head + "    7 [label=\"Master\\n25.00 %\"];\n    8 [label=\"Bus, \\\"A\\\" \\\\ 1\\n12.50 %\"];\n"
+               "    10 [label=\"Key\\n6.25 %\"];\n    9 [label=\"Echo\\n50.00 %\"];\n"
+               "    8 -> 7;\n    9 -> 7 [style=dashed];\n    10 -> 8 [style=dotted];\n}\n");
+    row("dot at the second update", { "--dot", "2", "OUT/net.dot" }, "net.dot",
+        head + "    5 [label=\"Solo\\n12.50 %\"];\n}\n");
 }
 
 // Under a German locale (runTool), every figure in the C notation as the
