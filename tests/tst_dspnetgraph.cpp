@@ -160,8 +160,7 @@ private slots:
     }
 
     // Head 1 feeds unit 2, whose inputs are 11 onwards; unit 30 feeds both the third and the last of them, so
-    // hiding the third must hide it everywhere, and is fed by the third again: neither placing nor hiding may
-    // loop.
+    // hiding the third must hide it everywhere, and is fed by the third: neither placing nor hiding may loop.
     void hiddenInputs()
     {
         QFETCH(int, inputCount);
@@ -204,8 +203,7 @@ private slots:
     // Units of 100 and 200 sit in 300, which sits in 400, which sits in 1100; 400 comes after 300 and gets
     // its box in the same pass, 1100 comes first and waits for the next one. 600 holds a unit and names 100
     // as its parent, but 100 owns units itself and is never grown. 700 is reached before its child 800, which
-    // only gets a box in that same pass, so 700 encloses 500 alone. 1000 has neither units nor children: no
-    // box.
+    // only gets a box in that same pass, so 700 encloses 500 alone. 1000, without units or children, has none.
     void groupBoxes()
     {
         Model model;
@@ -284,8 +282,7 @@ private slots:
             graph.slotProcessTree();
         QCOMPARE(graph.sendLines.size(), 17);
 
-        // A smaller network does not shrink the widget; only a new scale, clamped to [0.2, 2], sets its size
-        // anew.
+        // A smaller network does not shrink the widget; only a new scale, clamped to [0.2, 2], resizes it.
         model.tree.root.inputs = { { a, false, false } };
         a->inputs.clear();
         graph.slotProcessTree();
@@ -407,11 +404,8 @@ private slots:
         const auto command = [](quint8 subtype, quint64 id, quint8 state) {
             return PacketBuilder(1, subtype, 6).u64(id).u8(state).finish();
         };
-        const int left = Qt::LeftButton;
-        const int right = Qt::RightButton;
-        const QPoint unit(300, 100);
-        const QPoint first(20, 20);
-        const QPoint bypassed(420, 90);
+        const int left = Qt::LeftButton, right = Qt::RightButton;
+        const QPoint unit(300, 100), first(20, 20), bypassed(420, 90);
         row("left click on a unit", 1.0f, left, unit, unit, 259);
         row("left click on its corner", 1.0f, left, QPoint(210, 85), QPoint(210, 85), 259);
         row("at half scale", 0.5f, left, QPoint(150, 50), QPoint(150, 50), 259);

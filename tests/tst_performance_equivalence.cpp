@@ -1,4 +1,3 @@
-#include "profilernetwork.h"
 #include "dspfixture.h"
 #include "dspplacements.h"
 #include "dspshapes.h"
@@ -9,11 +8,8 @@
 #include <QImage>
 #include <QPainter>
 #include <QRandomGenerator>
-#include <QSignalSpy>
-#include <QTest>
 
 #include <algorithm>
-#include <functional>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -23,16 +19,16 @@ namespace
 {
 
 // The packet queue before it was indexed by type: one list in arrival order, scanned from the front on every
-// count and take, framed like the link and bounded to as many packets. The indexed queue must answer exactly as this does.
+// count and take, framed like the link and bounded to as many packets. The indexed queue must answer as this does.
 struct ScanningQueue
 {
     // Returns whether packetReady() would follow.
     bool receive(const QByteArray& bytes, bool paused)
     {
         received += bytes;
-        for (int size; received.size() >= 12 && received.size() >= (size = qFromLittleEndian<qint32>(received.data()));) {
-            packets.append(received.left(size));
-            received.remove(0, size);
+        while (received.size() >= 12 && received.size() >= qFromLittleEndian<qint32>(received.data())) {
+            packets.append(received.left(qFromLittleEndian<qint32>(received.data())));
+            received.remove(0, packets.last().size());
             if (packets.size() > ProfilerNetwork::MaxWaitingPackets)
                 packets.removeFirst();
         }
@@ -40,6 +36,11 @@ struct ScanningQueue
         if (paused)
             packets.clear();
         return ready;
+    }
+
+    static auto is(quint8 type, quint8 subtype)
+    {
+        return [=](const QByteArray& packet) { return quint8(packet[8]) == type && quint8(packet[9]) == subtype; };
     }
 
     int count(quint8 type, quint8 subtype) const
@@ -53,11 +54,6 @@ struct ScanningQueue
         return found < packets.size() ? packets.takeAt(found) : QByteArray();
     }
 
-    static std::function<bool(const QByteArray&)> is(quint8 type, quint8 subtype)
-    {
-        return [=](const QByteArray& packet) { return quint8(packet.at(8)) == type && quint8(packet.at(9)) == subtype; };
-    }
-
     QList<QByteArray> packets;
     QByteArray received;
 };
@@ -68,8 +64,8 @@ const std::pair<quint8, quint8> Kinds[] = { { 1, 0 }, { 4, 0 }, { 5, 0 }, { 7, 0
 
 QByteArray randomPacket(QRandomGenerator& random)
 {
-    const auto kind = Kinds[random.bounded(int(std::size(Kinds)))];
-    PacketBuilder builder(kind.first, kind.second, 0);
+    const auto [type, subtype] = Kinds[random.bounded(int(std::size(Kinds)))];
+    PacketBuilder builder(type, subtype, 0);
     for (int i = int(random.bounded(40)); i > 0; --i)
         builder.u8(quint8(random.bounded(256)));
     return builder.finish();
@@ -239,7 +235,7 @@ private slots:
         QByteArray pending;
         for (int step = 0; step < steps; ++step) {
             const int action = int(random.bounded(10));
-            const auto kind = Kinds[random.bounded(int(std::size(Kinds)))];
+            const auto [type, subtype] = Kinds[random.bounded(int(std::size(Kinds)))];
             if (action < 5) {
                 for (int i = 1 + int(random.bounded(quint32(maxBurst))); i > 0; --i)
                     pending += randomPacket(random);
@@ -249,17 +245,17 @@ private slots:
                 referenceReady += reference.receive(pending.left(cut), network.paused);
                 pending.remove(0, cut);
             } else if (action < 8) {
-                QCOMPARE(network.getNumWaitingPackets(kind.first, kind.second), reference.count(kind.first, kind.second));
+                QCOMPARE(network.getNumWaitingPackets(type, subtype), reference.count(type, subtype));
             } else {
-                QCOMPARE(network.getPacket(kind.first, kind.second), reference.take(kind.first, kind.second));
+                QCOMPARE(network.getPacket(type, subtype), reference.take(type, subtype));
             }
             QCOMPARE(ready.count(), referenceReady);
         }
-        for (const auto& kind : Kinds) {
-            QCOMPARE(network.getNumWaitingPackets(kind.first, kind.second), reference.count(kind.first, kind.second));
-            for (QByteArray expected; !(expected = reference.take(kind.first, kind.second)).isNull();)
-                QCOMPARE(network.getPacket(kind.first, kind.second), expected);
-            QVERIFY(network.getPacket(kind.first, kind.second).isNull());
+        for (const auto& [type, subtype] : Kinds) {
+            QCOMPARE(network.getNumWaitingPackets(type, subtype), reference.count(type, subtype));
+            for (QByteArray expected; !(expected = reference.take(type, subtype)).isNull();)
+                QCOMPARE(network.getPacket(type, subtype), expected);
+            QVERIFY(network.getPacket(type, subtype).isNull());
         }
     }
 
@@ -292,10 +288,9 @@ private slots:
         }
     }
 
-    // Two layouts share the model's units, units come and go or change ids, some share
-    // their low 32 bits, and passes sized far below the keys seen force the rows to be
-    // given up and numbered again: every answer must still be what a plain hash keyed by
-    // the low 32 bits gives.
+    // Two layouts share the model's units, units come and go or change ids, some share their low 32 bits, and
+    // passes sized far below the keys seen force the rows to be given up and numbered again: every answer must
+    // still be what a plain hash keyed by the low 32 bits gives.
     void placementsMatchAPlainHash()
     {
         QRandomGenerator random(11);
@@ -399,8 +394,7 @@ private slots:
 
             const QSize size = graph.minimumSize();
             for (int view = 0; view < 10; ++view) {
-                const int x = random.bounded(size.width());
-                const int y = random.bounded(size.height());
+                const int x = random.bounded(size.width()), y = random.bounded(size.height());
                 // Areas that end or start a pixel or two from a unit's corner or a line's end catch a margin
                 // too thin.
                 const QLine line = graph.standardLines.value(random.bounded(graph.standardLines.size() + 1));
@@ -449,13 +443,11 @@ private slots:
     {
         QRandomGenerator random(2026);
         ModelAndView running;
-        int inPlace = 0;
-        int rebuilt = 0;
+        int inPlace = 0, rebuilt = 0;
         for (int trial = 0; trial < 300; ++trial) {
             const int version = random.bounded(7);
             SimNetwork network = randomNetwork(random);
-            const bool excessive = random.bounded(2) == 0;
-            const bool inactive = random.bounded(2) == 0;
+            const bool excessive = random.bounded(2) == 0, inactive = random.bounded(2) == 0;
             running.graph.setShowExcessiveInputs(excessive);
             running.graph.setShowInactiveInputs(inactive);
             const QByteArray groups = PacketEncoder::encodeGroups(network);

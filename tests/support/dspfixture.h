@@ -11,8 +11,7 @@
 #include <QJsonObject>
 #include <QSignalSpy>
 #include <QTest>
-
-#include <cstring>
+#include <QtEndian>
 
 // A link without a target, its model and a view of it: packets go in through receiveBytes().
 struct ModelAndView
@@ -56,19 +55,16 @@ struct LiveTree
 
 inline QString bitsOf(float value)
 {
-    quint32 bits;
-    std::memcpy(&bits, &value, sizeof bits);
-    return QStringLiteral("0x%1").arg(bits, 8, 16, QLatin1Char('0'));
+    return QStringLiteral("0x%1").arg(qFromUnaligned<quint32>(&value), 8, 16, QLatin1Char('0'));
 }
 
 // A JSON value as the test vectors write it: arrays and objects compact, anything else as its text.
 inline QString text(const QJsonValue& value)
 {
-    if (value.isArray())
-        return QJsonDocument(value.toArray()).toJson(QJsonDocument::Compact);
-    if (value.isObject())
-        return QJsonDocument(value.toObject()).toJson(QJsonDocument::Compact);
-    return value.toVariant().toString();
+    if (!value.isArray() && !value.isObject())
+        return value.toVariant().toString();
+    const QJsonDocument document = value.isArray() ? QJsonDocument(value.toArray()) : QJsonDocument(value.toObject());
+    return document.toJson(QJsonDocument::Compact);
 }
 
 typedef QMap<QString, QString> Fields;
