@@ -574,9 +574,8 @@ private slots:
         QTest::newRow("back, unit selected") << 1.5f << QPoint(0, -120) << true << 1.4f << QPoint(233, 360);
     }
 
-    // A wheel event through the window lands on the graph in the viewport; only the zoom may move the view,
-    // not the scroll area's own wheel handling. The selected unit, or else the middle of the view, keeps its
-    // place on screen.
+    // A wheel event through the window lands on the graph in the viewport; only the zoom may move the view, not the
+    // scroll area's own wheel handling. The selected unit, or else the middle of the view, keeps its place on screen.
     void wheelZoom()
     {
         QFETCH(float, startScale);
@@ -608,9 +607,8 @@ private slots:
         QCOMPARE(view.scrolled(), expectedScroll);
     }
 
-    // The graph passes presses and drags on to the panel, which scrolls twice the distance against the
-    // movement. The view also moves with the selected unit, by its movement times the scale rounded half away
-    // from zero.
+    // The graph passes presses and drags on to the panel, which scrolls twice the distance against the movement. The
+    // view also moves with the selected unit, by its movement times the scale rounded half away from zero.
     void panning()
     {
         Panel view;

@@ -10,9 +10,6 @@
 namespace
 {
 
-const QString Incompatible =
-    QStringLiteral("Connected. (Incompatible version detected, reduced functionality)");
-const QString Malformed = QStringLiteral("Connected. (Malformed DSP data dropped)");
 const float Inf = std::numeric_limits<float>::infinity();
 const float NaN = std::numeric_limits<float>::quiet_NaN();
 
@@ -80,6 +77,9 @@ private slots:
                             const QByteArrayList& before = {}) {
             QTest::newRow(name) << before << packet << fields;
         };
+        const Fields incompatible { { "status", "Connected. (Incompatible version detected, reduced functionality)" },
+                                    { "updates", "0" } };
+        const Fields malformed { { "status", "Connected. (Malformed DSP data dropped)" }, { "updates", "0" } };
 
         for (int version = 0; version <= 6; ++version) {
             const QString name = QStringLiteral("dsp-v%1").arg(version);
@@ -107,14 +107,12 @@ private slots:
         row("groups test vector", groups, { { "groups", vector }, { "head", "" } }, { groups });
         row("12 + 295 bytes of groups", PacketBuilder(7, 0, 0).zeros(295).finish(), { { "groups", "[]" } },
             { groups });
-        row("groups version 1", PacketBuilder(7, 0, 1).zeros(296).finish(),
-            { { "status", Incompatible }, { "updates", "0" } }, { groups });
+        row("groups version 1", PacketBuilder(7, 0, 1).zeros(296).finish(), incompatible, { groups });
 
         // Dropped whole: the old graph stays.
         const QByteArray v5 = readTestData("dsp-v5.bin");
-        const Fields malformed { { "status", Malformed }, { "updates", "0" } };
-        row("version 7", PacketBuilder(1, 0, 7).i32(48000).i32(1024).finish(),
-            { { "status", Incompatible }, { "updates", "0" } }, { readTestData("dsp-v6.bin") });
+        row("version 7", PacketBuilder(1, 0, 7).i32(48000).i32(1024).finish(), incompatible,
+            { readTestData("dsp-v6.bin") });
         row("children past the end", dspPacketV6({ { 1, 2 }, { 2, 0 } }), malformed, { v5 });
         row("prologue cut short", PacketBuilder(1, 0, 6).i32(48000).u16(0).finish(), malformed, { v5 });
         row("no records", PacketBuilder(1, 0, 0).finish(), malformed, { v5 });
@@ -251,8 +249,7 @@ private slots:
         QCOMPARE(live->tree.root.inputs.first().node->id, 7ull);
     }
 
-    // A table edited by hand is rebuilt from the next packet alone: the
-    // units the packet does not name go, the one added by hand too.
+    // A table edited by hand is rebuilt from the next packet alone: units it does not name go, hand-added too.
     void handEditedTableIsReplaced()
     {
         QVERIFY(live->feed(dspPacketV6({ { 1, 1 }, { 2, 0 } })));
@@ -314,8 +311,7 @@ private slots:
                                                    "150000000000000001030600080706050403020100")
             + command("8c0000000000000001010600", "Show \xc3\xa9")
             + command("8c0000000000000001010600", QByteArray(127, 'x')) + group;
-        // No DSP packet yet and an old one let only the group command out; a rejected packet leaves the gate
-        // as it was.
+        // No DSP packet yet and an old one let only the group command out; a rejected packet leaves the gate as it was.
         const QVector<QPair<QByteArrayList, QByteArray>> steps {
             { {}, group },
             { { readTestData("dsp-v4.bin") }, group },

@@ -356,11 +356,10 @@ private slots:
         QTest::newRow("ladder 1000") << DSPShapes::DSPShape::DiamondLadder << 1000 << 14u;
     }
 
-    // Painting what the index finds near an exposed area must give exactly the pixels visiting every item
-    // gives, under the same clip: an item the index drops, or finds twice, shows. And either must give the
-    // area the pixels an unclipped paint gives it: an item culled wrongly shows. Options, zoom, selection,
-    // highlight, guids and long group names vary, and the areas include the whole graph, empty ones and ones
-    // past the edge.
+    // Painting what the index finds near an exposed area must give exactly the pixels visiting every item gives, under
+    // the same clip: an item the index drops, or finds twice, shows. And either must give the area the pixels an
+    // unclipped paint gives it: an item culled wrongly shows. Options, zoom, selection, highlight, guids and long group
+    // names vary, and the areas include the whole graph, empty ones and ones past the edge.
     void indexedPaintMatchesPlainPaint()
     {
         QFETCH(DSPShapes::DSPShape, shape);
@@ -395,8 +394,7 @@ private slots:
             const QSize size = graph.minimumSize();
             for (int view = 0; view < 10; ++view) {
                 const int x = random.bounded(size.width()), y = random.bounded(size.height());
-                // Areas that end or start a pixel or two from a unit's corner or a line's end catch a margin
-                // too thin.
+                // Areas that end or start a pixel or two from a unit's corner or a line's end catch a margin too thin.
                 const QLine line = graph.standardLines.value(random.bounded(graph.standardLines.size() + 1));
                 const int node = random.bounded(qMax(1, graph.nodeList.size()));
                 const QPoint corner = (random.bounded(2) ? line.p1() : graph.nodeList.value(node).position)
