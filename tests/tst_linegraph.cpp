@@ -57,9 +57,8 @@ void TestLineGraph::lineWindowAndMaximum()
     }
     QCOMPARE(line.getValues(), window);
     // Only a change of state is announced.
-    line.setActive(true);
-    line.setActive(true);
-    line.setActive(false);
+    for (bool active : {true, true, false})
+        line.setActive(active);
     QCOMPARE(spy.count(), 1502);
 }
 
@@ -99,7 +98,6 @@ void TestLineGraph::groupScale()
 // pen. An inactive line, or a scale of 0, paints nothing.
 void TestLineGraph::painting()
 {
-    const QList<QPoint> none;
     const struct
     {
         float fixedMaximum; // NaN: sliding
@@ -110,9 +108,9 @@ void TestLineGraph::painting()
     } cases[] = {
         {20.0f, true, QList<float>{10.0f} + repeated(5.0f, 498) + QList<float>{10.0f},
          {{2500, 149}, {2500, 150}, {5, 125}, {4985, 125}}, {{2500, 148}, {2500, 151}, {15, 125}, {4975, 125}}},
-        {20.0f, false, {10.0f, 15.0f}, none, none},
-        {float(qQNaN()), true, {-5.0f, -2.0f}, none, none},
-        {0.0f, true, {10.0f, 15.0f}, none, none},
+        {20.0f, false, {10.0f, 15.0f}, {}, {}},
+        {float(qQNaN()), true, {-5.0f, -2.0f}, {}, {}},
+        {0.0f, true, {10.0f, 15.0f}, {}, {}},
     };
     for (const auto& c : cases) {
         LineValuesGroup group;

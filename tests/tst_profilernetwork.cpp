@@ -70,14 +70,12 @@ void TestProfilerNetwork::dataRequestsAndUserDisconnect()
     link.network.requestDataType(3, 0, 200);
     link.network.requestDataType(1, 0, 0);
     QVERIFY(link.target.waitForReceived(36));
-    const QByteArray expected = QByteArray::fromHex("120000000000000000000000" "0300" "c8000000"
-                                                    "120000000000000000000000" "0100" "00000000");
-    QCOMPARE(link.target.received().toHex(), expected.toHex());
+    QCOMPARE(link.target.received().toHex(), QByteArray("120000000000000000000000" "0300" "c8000000"
+                                                        "120000000000000000000000" "0100" "00000000"));
 
     link.network.disconnectFromHost();
-    QCOMPARE(statuses(link.status), (QStringList{ QStringLiteral("Attempting to connect..."),
-                                                 QStringLiteral("Attempting to connect..."), QStringLiteral("Connected."),
-                                                 QStringLiteral("Disconnected.") }));
+    QCOMPARE(statuses(link.status),
+             (QStringList{ "Attempting to connect...", "Attempting to connect...", "Connected.", "Disconnected." }));
     QVERIFY(!link.network.isConnected());
     QVERIFY(!link.network.isConnecting());
 }
