@@ -88,7 +88,8 @@ void TestFlowLayout::randomRowsKeepOrderAndBounds()
                 // Reading order is insertion order: right of the previous
                 // block, or on a row wholly below it.
                 const bool sameRow = box.left() >= previous.right() && box.top() < previous.bottom();
-                QVERIFY(sameRow || box.top() > previous.bottom());
+                // At least the spacing apart, across and down.
+                QVERIFY(sameRow ? box.left() - previous.right() > 6 : box.top() - previous.bottom() > 6);
                 rows += sameRow ? 0 : 1;
             }
             if (width == narrowest)
