@@ -107,6 +107,7 @@ void TestCustomWidgets::buttonPicksImageForState_data()
     QTest::newRow("checked hovered, keys 0 4") << "checked hovered" << QList<int>{0, 4} << 4;
     QTest::newRow("checked pressed, keys 0 2") << "checked down" << QList<int>{0, 2} << 0;
     QTest::newRow("pressed, keys 0 3") << "down" << QList<int>{0, 3} << 0;
+    QTest::newRow("pressed and hovered, keys 0 4") << "down hovered" << QList<int>{0, 4} << 0;
 }
 
 void TestCustomWidgets::buttonPicksImageForState()
