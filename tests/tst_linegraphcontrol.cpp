@@ -185,8 +185,10 @@ void TestLineGraphControl::statsThenChannelAndCodecPaths()
     panel.row("Vorbis")->setChecked(true);
     QVERIFY(panel.line("Vorbis")->getActive());
     stats.values[StatsHistory::StatsVorbis].capacity = 4.0f;
+    stats.channelCapacity = -5; // a broken target's: no fixed scale at all
     stats.history->append(statsSnapshot(2));
     emit stats.historyUpdated(1);
+    QCOMPARE(panel.spinBoxMaxima(), (QList<int>{100, 0, 32, 1234}));
     QCOMPARE(panel.legend({"Vorbis", "Hardware"}),
              (QStringList{"Vorbis: 21 [11 - 31] / 4 codec(s)", "Hardware: 0 [0 - 0] / 0 channel(s) (hidden)"}));
 
