@@ -26,9 +26,10 @@ struct ScanningQueue
     bool receive(const QByteArray& bytes, bool paused)
     {
         received += bytes;
-        while (received.size() >= 12 && received.size() >= qFromLittleEndian<qint32>(received.data())) {
-            packets.append(received.left(qFromLittleEndian<qint32>(received.data())));
-            received.remove(0, packets.last().size());
+        for (int size; received.size() >= 12
+                       && received.size() >= (size = qFromLittleEndian<qint32>(received.constData()));) {
+            packets.append(received.left(size));
+            received.remove(0, size);
             if (packets.size() > ProfilerNetwork::MaxWaitingPackets)
                 packets.removeFirst();
         }
