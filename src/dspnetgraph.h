@@ -181,6 +181,7 @@ private:
 
     // Layout (dspnetgraphlayout.cpp; group boxes in dspnetgraphgroups.cpp).
     void layOutTree();
+    bool layoutIsCurrent() const;
     bool canUpdateLayoutInPlace() const;
     void rememberLayoutSource();
     void updateLayoutInPlace();

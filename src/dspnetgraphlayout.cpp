@@ -102,11 +102,15 @@ struct DSPNetGraph::LayoutFrame
 
 void DSPNetGraph::slotProcessTree()
 {
-    if (canUpdateLayoutInPlace())
-        updateLayoutInPlace();
-    else
-        layOutTree();
-    indexForPainting();
+    if (layoutIsCurrent()) {
+        findSelectedUnit();
+    } else {
+        if (canUpdateLayoutInPlace())
+            updateLayoutInPlace();
+        else
+            layOutTree();
+        indexForPainting();
+    }
     updateWidgetSize(false);
     updateSelectedNode();
     refresh();
@@ -126,6 +130,17 @@ void DSPNetGraph::layOutTree()
     processGroups(tree->groups.constData(), tree->groups.size());
     if (head.node)
         rememberLayoutSource();
+}
+
+// A target sends its groups packet apart from its DSP packet, each an
+// update of the model. One that changed nothing the layout was made from
+// (the same groups, read again) leaves it as it stands.
+bool DSPNetGraph::layoutIsCurrent() const
+{
+    return layoutReusable && tree->getValueSerial() == laidValueSerial
+           && tree->getShapeSerial() == laidShapeSerial && tree->isAsBuilt()
+           && showExcessiveInputs == laidExcessiveInputs && showInactiveInputs == laidInactiveInputs
+           && tree->groups.isSharedWith(laidGroups);
 }
 
 // Only an update the model made in place since this layout, with the same

@@ -98,6 +98,9 @@ public:
     // names, costs, levels and bypass states new).
     quint64 getShapeSerial() const { return shapeSerial; }
     quint64 getValueSerial() const { return valueSerial; }
+    // Whether the table is still the one the last packet built, not one
+    // changed by hand since.
+    bool isAsBuilt() const { return nodesById.isSharedWith(shapeNodes); }
 
 signals:
     void dspNetTreeUpdated();

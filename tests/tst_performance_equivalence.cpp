@@ -446,10 +446,10 @@ private slots:
         for (int trial = 0; trial < 300; ++trial) {
             const int version = random.bounded(7);
             SimNetwork network = randomNetwork(random);
-            const bool excessive = random.bounded(2) == 0, inactive = random.bounded(2) == 0;
+            bool excessive = random.bounded(2) == 0, inactive = random.bounded(2) == 0;
             running.graph.setShowExcessiveInputs(excessive);
             running.graph.setShowInactiveInputs(inactive);
-            const QByteArray groups = PacketEncoder::encodeGroups(network);
+            QByteArray groups = PacketEncoder::encodeGroups(network);
             QSignalSpy updated(&running.tree, &DSPTree::dspNetTreeUpdated);
             running.network.receiveBytes(groups);
             const int edit = running.tree.groups.isEmpty() ? 0 : random.bounded(4);
@@ -490,12 +490,32 @@ private slots:
                 running.network.receiveBytes(next);
                 (running.tree.getValueSerial() != valueSerial ? inPlace : rebuilt)++;
 
+                // What follows a DSP packet without changing it: the groups packet, as a target sends it each
+                // time (at times with a group renamed), a new selection, an option switched.
+                if (random.bounded(2) == 0) {
+                    if (random.bounded(3) == 0) {
+                        network.groups[random.bounded(network.groups.size())].name += '\'';
+                        groups = PacketEncoder::encodeGroups(network);
+                    }
+                    if (!selectFirst) {
+                        chosen = network.units.at(random.bounded(network.units.size()));
+                        select(&running.graph, chosen, version);
+                    }
+                    running.network.receiveBytes(groups);
+                }
+                if (random.bounded(6) == 0)
+                    running.graph.setShowExcessiveInputs(excessive = !excessive);
+                if (random.bounded(6) == 0)
+                    running.graph.setShowInactiveInputs(inactive = !inactive);
+
                 ModelAndView fresh(excessive, inactive);
                 // Its depths come from the walk, the running model's from its records.
                 fresh.tree.fastDepths = false;
                 fresh.network.receiveBytes(groups);
-                // Selected after the groups: a layout without units clears it.
-                select(&fresh.graph, chosen, version);
+                // Selected after the groups: a layout without units clears it. A layout that did not reach the
+                // unit has cleared it in the running view too, and an option switched since cannot bring it back.
+                if (running.graph.selectedId != DSPNetGraph::NoSelection)
+                    select(&fresh.graph, chosen, version);
                 fresh.network.receiveBytes(next);
                 QCOMPARE(digest(running), digest(fresh));
             }
