@@ -198,6 +198,7 @@ private:
     void finishNode(const DSPNode::InputRecord& record, QPoint position, QPoint parentPosition,
                     unsigned int index, unsigned int count, bool placedHere);
     void placeNode(const DSPNode* node, QPoint position);
+    void reclaimDisplayName(DSPNetGraphicalNode* graphical, const QString& name, int laid);
     void addToGroupBox(unsigned long long groupId, const QRect& extent);
     int drawnInputs(const DSPNode* node, bool* allInputsNew, int* shownCount);
     void hideExcessiveInputs(int start);

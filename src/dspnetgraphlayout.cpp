@@ -53,6 +53,16 @@ void setGraphicalNode(DSPNetGraphicalNode* graphical, const DSPNode* node, QPoin
     graphical->levels.assign(node->levels);
 }
 
+// Grows a list ahead of the network: a game's network grows and shrinks by
+// a few units all the time, and growing by exactly what is needed would
+// copy the whole list each time it reaches a new size.
+template <typename List>
+void reserveForUnits(List* list, int units)
+{
+    if (list->capacity() < units)
+        list->reserve(units + units / 4);
+}
+
 int connectionEndY(int parentY, unsigned int index, unsigned int count)
 {
     return static_cast<int>(parentY + (index + 1) * (float(NodeHeight) / (count + 1)));
@@ -238,10 +248,10 @@ void DSPNetGraph::resetLayout()
     finishedUnits.clear();
     // Sized for the whole network up front instead of growing step by step.
     const int units = tree->nodesById.size();
-    nodeList.reserve(units);
-    placedSources.reserve(units);
-    finishedUnits.reserve(units);
-    standardLines.reserve(units);
+    reserveForUnits(&nodeList, units);
+    reserveForUnits(&placedSources, units);
+    reserveForUnits(&finishedUnits, units);
+    reserveForUnits(&standardLines, units);
     hiddenVisited.clear();
     staleSendPasses = 0;
 }
@@ -364,15 +374,33 @@ void DSPNetGraph::finishNode(const DSPNode::InputRecord& record, QPoint position
 void DSPNetGraph::placeNode(const DSPNode* node, QPoint position)
 {
     placements.insert(node, position);
+    const int laid = placements.moveEntry(node, placedCount);
     if (placedCount == nodeList.size())
         nodeList.append(DSPNetGraphicalNode());
-    setGraphicalNode(&nodeList[placedCount++], node, position);
+    DSPNetGraphicalNode& graphical = nodeList[placedCount];
+    reclaimDisplayName(&graphical, node->name, laid);
+    setGraphicalNode(&graphical, node, position);
+    ++placedCount;
     placedSources.append(node);
     if (node->groupId != 0) {
         addToGroupBox(node->groupId, QRect(position.x() - GroupInset, position.y() - GroupInset,
                                            NodeWidth + 2 * GroupInset,
                                            NodeHeight + 2 * GroupInset));
     }
+}
+
+// A unit that moved down the list since the last layout finds its display
+// name at its old entry, which this pass has not overwritten yet: the two
+// entries swap names, so that the name is neither made nor copied again.
+void DSPNetGraph::reclaimDisplayName(DSPNetGraphicalNode* graphical, const QString& name, int laid)
+{
+    if (graphical->sourceName.isSharedWith(name) || laid <= placedCount || laid >= nodeList.size())
+        return;
+    DSPNetGraphicalNode& before = nodeList[laid];
+    if (!before.sourceName.isSharedWith(name))
+        return;
+    graphical->name.swap(before.name);
+    graphical->sourceName.swap(before.sourceName);
 }
 
 // Appends the inputs of a unit that get drawn below it to frameInputs, in

@@ -54,6 +54,14 @@ void DSPPlacementTable::insert(const DSPNode* node, QPoint position)
     positions[row] = position;
 }
 
+int DSPPlacementTable::moveEntry(const DSPNode* node, int entry)
+{
+    const int row = rowOf(node);
+    const int before = entries[row];
+    entries[row] = entry;
+    return before;
+}
+
 QHash<int, QPoint> DSPPlacementTable::toHash() const
 {
     QHash<int, QPoint> table;
@@ -84,6 +92,7 @@ int DSPPlacementTable::addRow(int key)
     keys.push_back(key);
     passOfRow.push_back(0);
     positions.push_back(QPoint());
+    entries.push_back(-1);
     return row;
 }
 
@@ -94,4 +103,5 @@ void DSPPlacementTable::forgetRows()
     keys.clear();
     passOfRow.clear();
     positions.clear();
+    entries.clear();
 }

@@ -26,6 +26,9 @@ public:
     void insert(const DSPNode* node, QPoint position);
     // This pass's entries as the layout's public table shows them.
     QHash<int, QPoint> toHash() const;
+    // Notes where the unit's entry lies in the view's list of placed units
+    // and returns where the entry of its key lay before, or -1.
+    int moveEntry(const DSPNode* node, int entry);
     int rowCount() const { return int(keys.size()); }
 
     static int keyOf(unsigned long long id) { return static_cast<int>(static_cast<quint32>(id)); }
@@ -42,6 +45,7 @@ private:
     std::vector<int> keys;
     std::vector<quint32> passOfRow;
     std::vector<QPoint> positions;
+    std::vector<int> entries;
     quint32 pass = 1;
 };
 
