@@ -190,6 +190,7 @@ private:
     void rememberSelection();
     void resetLayout();
     bool findPlaced(const DSPNode* node, QPoint* position);
+    void prefetchByRecords(const DSPNode* node) const;
     void indexGroupBoxes();
     void enterNode(std::vector<LayoutFrame>& stack, const DSPNode::InputRecord& record,
                    QPoint parentPosition, unsigned int index, unsigned int count,
@@ -269,6 +270,8 @@ private:
     QVector<DSPNode::InputRecord> frameInputs;
     // How many entries of nodeList the running layout has placed.
     int placedCount = 0;
+    // Whether the units can be asked for ahead in the model's record order.
+    bool recordsAhead = false;
     QVector<GroupNode*> laidGroups;
     quint64 laidShapeSerial = 0;
     quint64 laidValueSerial = 0;

@@ -254,6 +254,7 @@ void DSPNetGraph::resetLayout()
     reserveForUnits(&standardLines, units);
     hiddenVisited.clear();
     staleSendPasses = 0;
+    recordsAhead = tree->isAsBuilt();
 }
 
 void DSPNetGraph::processNodes(const DSPNode::InputRecord& record, QPoint parentPosition,
@@ -292,6 +293,24 @@ void DSPNetGraph::processNodes(const DSPNode::InputRecord& record, QPoint parent
     nodeList.resize(placedCount);
 }
 
+// A walk from the head places the units mostly in the order of the model's
+// records, which is known ahead: the unit some records on is asked for, and
+// of the one half as far, which has arrived, its lists and its group's cell.
+// Only a table the model built itself has records that match its units.
+void DSPNetGraph::prefetchByRecords(const DSPNode* node) const
+{
+    if (!recordsAhead)
+        return;
+    const int record = node->recordIndex;
+    if (const DSPNode* far = tree->getRecordUnit(record + Prefetch::Distance))
+        Prefetch::object(far);
+    if (const DSPNode* near = tree->getRecordUnit(record + Prefetch::Distance / 2)) {
+        Prefetch::block(near->inputs);
+        Prefetch::block(near->levels);
+        groupIndexById.prefetch(near->groupId);
+    }
+}
+
 // Where the unit with that key was placed in this layout, if it was.
 bool DSPNetGraph::findPlaced(const DSPNode* node, QPoint* position)
 {
@@ -315,6 +334,7 @@ void DSPNetGraph::enterNode(std::vector<LayoutFrame>& stack, const DSPNode::Inpu
     frame.index = index;
     frame.count = count;
     frame.position = QPoint(node->depth * ColumnPitch + Margin, rowCounter * RowPitch + Margin);
+    prefetchByRecords(node);
     placeNode(node, frame.position);
 
     bool allInputsNew = true;

@@ -75,6 +75,7 @@ DSPNode& DSPNode::operator=(DSPNode&& other) noexcept
     inputs = std::move(other.inputs);
     depth = other.depth;
     walkIndex = other.walkIndex;
+    recordIndex = other.recordIndex;
     return *this;
 }
 
@@ -408,6 +409,7 @@ bool DSPTree::readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit
         nodesById.insert(scratch.id, node);
     }
     takeRecord(node, record, place.childCount);
+    node->recordIndex = shapeRecords.size();
     shapeRecords.append({ node, parent, place.childCount, true, link.send, link.sidechain });
     noteRecordTopology(node, parent, true);
     pending->append({ node, parent, place.childCount, link });

@@ -45,6 +45,8 @@ struct DSPNode
     // Scratch number of the unit while the network is read or its depths
     // are computed; -1 otherwise.
     int walkIndex = -1;
+    // The unit's first record in the packet it was last read from.
+    int recordIndex = -1;
     // The unit's row in a view's placement table, for the key and the
     // table generation it was given for; the model never reads these.
     mutable quint32 viewGeneration = 0;
@@ -101,6 +103,12 @@ public:
     // Whether the table is still the one the last packet built, not one
     // changed by hand since.
     bool isAsBuilt() const { return nodesById.isSharedWith(shapeNodes); }
+    // The unit of a record of the last packet read, or null past its end:
+    // the order in which a walk from the head meets the units.
+    const DSPNode* getRecordUnit(int record) const
+    {
+        return record >= 0 && record < shapeRecords.size() ? shapeRecords.at(record).node : nullptr;
+    }
 
 signals:
     void dspNetTreeUpdated();

@@ -55,6 +55,13 @@ public:
 
     int size() const { return stored; }
 
+    // Asks for the cell where a lookup of `key` starts.
+    void prefetch(Key key) const
+    {
+        if (!cells.isEmpty())
+            __builtin_prefetch(cells.constData() + homeCell(key));
+    }
+
 private:
     struct Cell
     {
@@ -97,12 +104,17 @@ private:
     // The cell holding `key` in this pass, or the free cell where it would go.
     int cellFor(Key key) const
     {
-        // Fibonacci hashing spreads keys that differ only in high bits.
-        const quint64 bits = static_cast<quint64>(key) * 0x9E3779B97F4A7C15ULL;
-        quint32 index = static_cast<quint32>(bits >> 32) & mask;
+        quint32 index = homeCell(key);
         while (cells.at(int(index)).pass == pass && cells.at(int(index)).key != key)
             index = (index + 1) & mask;
         return int(index);
+    }
+
+    quint32 homeCell(Key key) const
+    {
+        // Fibonacci hashing spreads keys that differ only in high bits.
+        const quint64 bits = static_cast<quint64>(key) * 0x9E3779B97F4A7C15ULL;
+        return static_cast<quint32>(bits >> 32) & mask;
     }
 
     // Only when a pass holds more keys than it was started for.
