@@ -199,6 +199,7 @@ private:
     void finishNode(const DSPNode::InputRecord& record, QPoint position, QPoint parentPosition,
                     unsigned int index, unsigned int count, bool placedHere);
     void placeNode(const DSPNode* node, QPoint position);
+    void drawSendsByEntry();
     void reclaimDisplayName(DSPNetGraphicalNode* graphical, const QString& name, int laid);
     void addToGroupBox(unsigned long long groupId, const QRect& extent);
     int drawnInputs(const DSPNode* node, bool* allInputsNew, int* shownCount);
@@ -272,6 +273,11 @@ private:
     int placedCount = 0;
     // Whether the units can be asked for ahead in the model's record order.
     bool recordsAhead = false;
+    // Entries of nodeList whose units send, in order.
+    QVector<int> senders;
+    // Off, send targets are found by going through the whole list: the
+    // reference the lookup by entry must match.
+    bool sendsByEntry = true;
     QVector<GroupNode*> laidGroups;
     quint64 laidShapeSerial = 0;
     quint64 laidValueSerial = 0;

@@ -246,6 +246,7 @@ void DSPNetGraph::resetLayout()
     placements.startPass(tree->nodesById.size());
     placedSources.clear();
     finishedUnits.clear();
+    senders.clear();
     // Sized for the whole network up front instead of growing step by step.
     const int units = tree->nodesById.size();
     reserveForUnits(&nodeList, units);
@@ -402,6 +403,8 @@ void DSPNetGraph::placeNode(const DSPNode* node, QPoint position)
     setGraphicalNode(&graphical, node, position);
     ++placedCount;
     placedSources.append(node);
+    if (node->sendTargetId != 0)
+        senders.append(placedCount - 1);
     if (node->groupId != 0) {
         addToGroupBox(node->groupId, QRect(position.x() - GroupInset, position.y() - GroupInset,
                                            NodeWidth + 2 * GroupInset,
@@ -496,6 +499,10 @@ void DSPNetGraph::processSends()
     if (staleSendPasses > MaxStaleSendPasses)
         return;
     ++staleSendPasses;
+    if (sendsByEntry && tree->isAsBuilt()) {
+        drawSendsByEntry();
+        return;
+    }
 
     // Few units send, so only the units sent to are looked up.
     QHash<unsigned long long, int> firstIndexById;
@@ -516,5 +523,22 @@ void DSPNetGraph::processSends()
         const int target = firstIndexById.value(node.sendTargetId, -1);
         if (target >= 0)
             sendLines.append(QLine(nodeCentre(node), nodeCentre(nodeList.at(target))));
+    }
+}
+
+// The same lines without going through the whole list: the senders were
+// noted as they were placed, and in a table the model built every id is
+// one unit, placed at most once, so the entry noted for its placement is
+// the only one with that id, if it is still that unit's.
+void DSPNetGraph::drawSendsByEntry()
+{
+    for (int sender : qAsConst(senders)) {
+        const DSPNetGraphicalNode& node = nodeList.at(sender);
+        const DSPNode* target = tree->nodesById.value(node.sendTargetId, nullptr);
+        if (!target)
+            continue;
+        const int entry = placements.entryOf(target);
+        if (entry >= 0 && entry < nodeList.size() && nodeList.at(entry).id == node.sendTargetId)
+            sendLines.append(QLine(nodeCentre(node), nodeCentre(nodeList.at(entry))));
     }
 }

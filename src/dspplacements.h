@@ -29,6 +29,8 @@ public:
     // Notes where the unit's entry lies in the view's list of placed units
     // and returns where the entry of its key lay before, or -1.
     int moveEntry(const DSPNode* node, int entry);
+    // The entry last noted for the unit's key, or -1.
+    int entryOf(const DSPNode* node) { return entries[rowOf(node)]; }
     int rowCount() const { return int(keys.size()); }
 
     static int keyOf(unsigned long long id) { return static_cast<int>(static_cast<quint32>(id)); }

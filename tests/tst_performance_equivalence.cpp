@@ -509,8 +509,10 @@ private slots:
                     running.graph.setShowInactiveInputs(inactive = !inactive);
 
                 ModelAndView fresh(excessive, inactive);
-                // Its depths come from the walk, the running model's from its records.
+                // Its depths come from the walk and its send targets from a search of the whole list; the running
+                // model takes its depths from its records, the running view its targets from their entries.
                 fresh.tree.fastDepths = false;
+                fresh.graph.sendsByEntry = false;
                 fresh.network.receiveBytes(groups);
                 // Selected after the groups: a layout without units clears it. A layout that did not reach the
                 // unit has cleared it in the running view too, and an option switched since cannot bring it back.
