@@ -322,8 +322,14 @@ void DSPTree::markUnitsForReuse(int version)
 DSPNode* DSPTree::findUnit(unsigned long long id)
 {
     const int next = reuseCursor;
-    if (next + Prefetch::Distance < previousRecords.size())
+    if (next + Prefetch::Distance < previousRecords.size()) {
         Prefetch::object(previousRecords.at(next + Prefetch::Distance).node);
+        // Asked for half the distance ago, so its lists can be found now:
+        // the unit's record overwrites both.
+        const DSPNode* near = previousRecords.at(next + Prefetch::Distance / 2).node;
+        Prefetch::block(near->levels);
+        Prefetch::block(near->inputs);
+    }
     if (next < previousRecords.size() && previousRecords.at(next).node->id == id) {
         ++reuseCursor;
         return previousRecords.at(next).node;
