@@ -201,6 +201,7 @@ private:
     void placeNode(const DSPNode* node, QPoint position);
     void drawSendsByEntry();
     void reclaimDisplayName(DSPNetGraphicalNode* graphical, const QString& name, int laid);
+    void prefetchOverwrittenNames(int entry) const;
     void addToGroupBox(unsigned long long groupId, const QRect& extent);
     int drawnInputs(const DSPNode* node, bool* allInputsNew, int* shownCount);
     void hideExcessiveInputs(int start);

@@ -399,6 +399,7 @@ void DSPNetGraph::placeNode(const DSPNode* node, QPoint position)
     if (placedCount == nodeList.size())
         nodeList.append(DSPNetGraphicalNode());
     DSPNetGraphicalNode& graphical = nodeList[placedCount];
+    prefetchOverwrittenNames(placedCount + Prefetch::Distance);
     reclaimDisplayName(&graphical, node->name, laid);
     setGraphicalNode(&graphical, node, position);
     ++placedCount;
@@ -410,6 +411,17 @@ void DSPNetGraph::placeNode(const DSPNode* node, QPoint position)
                                            NodeWidth + 2 * GroupInset,
                                            NodeHeight + 2 * GroupInset));
     }
+}
+
+// An entry left from the last layout whose unit moved holds names that are
+// let go when the entry is overwritten, which reads their counts: those
+// are asked for before the pass gets there.
+void DSPNetGraph::prefetchOverwrittenNames(int entry) const
+{
+    if (entry >= nodeList.size())
+        return;
+    Prefetch::block(nodeList.at(entry).name);
+    Prefetch::block(nodeList.at(entry).sourceName);
 }
 
 // A unit that moved down the list since the last layout finds its display
