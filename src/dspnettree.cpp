@@ -153,16 +153,66 @@ bool DSPTree::readDSPData()
     return true;
 }
 
-// countUnits() for a packet whose records form the tree of the last
-// packet's (a unit switched on or off, say): that walk's count, without
-// walking the ids through a set again.
+// Units of the last network are marked as met on themselves, found in the
+// order of the last packet's records (a changed network mostly keeps it)
+// and asked for ahead; that walk touches them just before the rebuild does
+// anyway. Only ids new to the network go into the set.
+class DSPTree::KnownUnitSightings : public UnitSightings
+{
+public:
+    explicit KnownUnitSightings(DSPTree* tree) : tree(tree) { }
+
+    void start(int records) override
+    {
+        pass = ++tree->lastCountPass;
+        tree->unitIds.startPass(records);
+    }
+
+    bool firstSighting(unsigned long long id) override
+    {
+        DSPNode* node = knownUnit(id);
+        if (!node)
+            return tree->unitIds.insertNew(id, true);
+        if (node->countPass == pass)
+            return false;
+        node->countPass = pass;
+        return true;
+    }
+
+private:
+    DSPNode* knownUnit(unsigned long long id)
+    {
+        const QVector<ShapeRecord>& records = tree->shapeRecords;
+        if (cursor + Prefetch::Distance < records.size())
+            Prefetch::object(records.at(cursor + Prefetch::Distance).node);
+        if (cursor < records.size() && records.at(cursor).node->id == id)
+            return records.at(cursor++).node;
+        DSPNode* node = tree->nodesById.value(id, nullptr);
+        if (node)
+            cursor = node->recordIndex + 1;
+        return node;
+    }
+
+    DSPTree* tree;
+    quint64 pass = 0;
+    int cursor = 0;
+};
+
+// countUnits() for the next packet. One whose records form the tree of the
+// last packet's (a unit switched on or off, say) has that walk's count;
+// another is counted on the units of the last network where it can be.
 int DSPTree::countPacketUnits(const QByteArray& packet, int firstRecord, int version)
 {
     if (!shapeRecords.isEmpty() && version == dspVersion && firstRecord == shapeFirstRecord
         && sameRecordTree(packet, shapePacket, firstRecord, version, shapeRecords.size()))
         return shapeUnitCount;
+    if (!shapeRecords.isEmpty() && isAsBuilt()) {
+        KnownUnitSightings sightings(this);
+        return countUnits(packet, firstRecord, version, &sightings);
+    }
     return countUnits(packet, firstRecord, version, &unitIds);
 }
+
 
 void DSPTree::readDSPPrologue(PacketReader* in, int version)
 {

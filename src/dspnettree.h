@@ -47,6 +47,8 @@ struct DSPNode
     int walkIndex = -1;
     // The unit's first record in the packet it was last read from.
     int recordIndex = -1;
+    // The last count of a packet's units that met this unit.
+    quint64 countPass = 0;
     // The unit's row in a view's placement table, for the key and the
     // table generation it was given for; the model never reads these.
     mutable quint32 viewGeneration = 0;
@@ -119,6 +121,7 @@ public slots:
 
 private:
     struct PendingUnit;
+    class KnownUnitSightings;
     // One record of the packet the current network was built from, in
     // packet order: what a later packet must repeat to be the same network.
     struct ShapeRecord
@@ -189,6 +192,7 @@ private:
     int stagedLevelCount = 0;
     DSPNode scratch;
     DSPRecords::UnitIdSet unitIds;
+    quint64 lastCountPass = 0;
 
     // The records of the network being replaced, while a rebuild runs, and
     // the one expected to come next.

@@ -243,12 +243,13 @@ bool sameRecordTree(const QByteArray& packet, const QByteArray& other, int first
 // Walks the record structure without building anything, so that a packet
 // that ends before its records do is refused while the old graph is still
 // there. Returns the number of distinct units, or -1.
-int countUnits(const QByteArray& packet, int firstRecord, int version, UnitIdSet* seen)
+int countUnits(const QByteArray& packet, int firstRecord, int version, UnitSightings* sightings)
 {
     const RecordLayout layout = recordLayout(version);
     // Every record but the first is some unit's child, so no more units
     // than records can be met.
-    seen->startPass(qMax(0, packet.size() - firstRecord) / layout.size + 1);
+    sightings->start(qMax(0, packet.size() - firstRecord) / layout.size + 1);
+    int units = 0;
     PacketReader in(packet, firstRecord);
     QVector<int> childrenLeft { 1 };
     while (!childrenLeft.isEmpty()) {
@@ -265,12 +266,26 @@ int countUnits(const QByteArray& packet, int firstRecord, int version, UnitIdSet
         fields.skip(layout.childCountOffset - fields.position());
         const int children = readChildCount(fields, layout.childCount16);
         // A repeated unit's children are not sent again.
-        if (!seen->insertNew(id, true))
+        if (!sightings->firstSighting(id))
             continue;
+        ++units;
         if (children > 0)
             childrenLeft.append(children);
     }
-    return seen->size();
+    return units;
+}
+
+int countUnits(const QByteArray& packet, int firstRecord, int version, UnitIdSet* seen)
+{
+    struct SetSightings : UnitSightings
+    {
+        explicit SetSightings(UnitIdSet* seen) : seen(seen) { }
+        void start(int records) override { seen->startPass(records); }
+        bool firstSighting(unsigned long long id) override { return seen->insertNew(id, true); }
+        UnitIdSet* seen;
+    };
+    SetSightings sightings(seen);
+    return countUnits(packet, firstRecord, version, &sightings);
 }
 
 } // namespace DSPRecords

@@ -43,8 +43,19 @@ bool sameRecordName(const char* record, const char* other, int version);
 // are the same walk. False when either packet is shorter.
 bool sameRecordTree(const QByteArray& packet, const QByteArray& other, int firstRecord, int version, int count);
 
+// What a walk over the records has met: whether a unit id is met for the
+// first time since start(), which gets the most units the walk can meet.
+class UnitSightings
+{
+public:
+    virtual ~UnitSightings() = default;
+    virtual void start(int records) = 0;
+    virtual bool firstSighting(unsigned long long id) = 0;
+};
+
 // The number of distinct units of the records from `firstRecord` on, or -1
 // when the packet ends before its records do.
+int countUnits(const QByteArray& packet, int firstRecord, int version, UnitSightings* sightings);
 int countUnits(const QByteArray& packet, int firstRecord, int version, UnitIdSet* seen);
 
 } // namespace DSPRecords

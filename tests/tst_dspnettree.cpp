@@ -171,6 +171,8 @@ private slots:
         const QByteArray cycle = dspPacketV6({ { 1, 1 }, { 2, 2 }, { 3, 0 }, { 1, 0 } });
         const QByteArray cycleOff = dspPacketV6({ { 1, 1 }, { 2, 2 }, { 3, 0, 1, 0 }, { 1, 0 } });
         const Fields depths { { "units", "3" }, { "1.depth", "0" }, { "2.depth", "1" }, { "3.depth", "2" } };
+        row("repeated unit's child count, rebuilt", repeated(1),
+            { { "4.inclusiveUsage", "29" }, { "1.inclusiveUsage", "35" } }, { chain4 });
         row("same links", nestedOff, depths, { nested });
         row("same order, other nesting", nestedOff, depths, { fan });
         row("other nesting and back", nestedOff, depths, { nested, fan });
