@@ -207,6 +207,7 @@ private:
     void hideExcessiveInputs(int start);
     void hideSubtree(const DSPNode* node);
     void addConnection(const DSPNode::InputRecord& record, const QLine& line);
+    void nestGroupBoxes(const GroupNode* const* groups, int count);
     void nameGroupBoxes(const GroupNode* const* groups, int count, QVector<bool>* done);
     void addParentGroupBoxes(const GroupNode* const* groups, int count, QVector<bool>* done);
     void clearSelection();
@@ -253,6 +254,16 @@ private:
     // Where each group id first appears in groupList, kept beside it so that
     // a network with many groups lays out in linear time.
     PassTable<unsigned long long, int> groupIndexById;
+    // Whether groupIndexById holds exactly the boxes of groupList.
+    bool groupIndexCurrent = false;
+    // The boxes of child groups summed up per parent, while parent boxes are made.
+    struct ChildBoxes
+    {
+        QRectF rect;
+        int level = 0;
+    };
+    PassTable<unsigned long long, int> childBoxIndex;
+    QVector<ChildBoxes> childBoxes;
     // Units already marked as hidden in this pass; a unit is marked once
     // however many paths lead to it, and a cycle cannot loop.
     QSet<const DSPNode*> hiddenVisited;

@@ -35,18 +35,28 @@ void DSPNetGraph::addToGroupBox(unsigned long long groupId, const QRect& extent)
 
 void DSPNetGraph::processGroups(const GroupNode* const* groups, int count)
 {
+    // The boxes may have been changed since the last walk indexed them.
+    groupIndexCurrent = false;
+    nestGroupBoxes(groups, count);
+}
+
+void DSPNetGraph::nestGroupBoxes(const GroupNode* const* groups, int count)
+{
     layoutReusable = false;
     if (!groups || count <= 0)
         return;
     QVector<bool> done(count, false);
     nameGroupBoxes(groups, count, &done);
     addParentGroupBoxes(groups, count, &done);
+    groupIndexCurrent = false;
 }
 
 // Boxes made from units learn their group's name and parent.
 void DSPNetGraph::nameGroupBoxes(const GroupNode* const* groups, int count, QVector<bool>* done)
 {
-    indexGroupBoxes();
+    // A walk that has just placed the units indexed every box as it made it.
+    if (!groupIndexCurrent)
+        indexGroupBoxes();
     for (int i = 0; i < count; ++i) {
         const GroupNode* group = groups[i];
         if (!group) {
@@ -71,23 +81,30 @@ void DSPNetGraph::nameGroupBoxes(const GroupNode* const* groups, int count, QVec
 void DSPNetGraph::addParentGroupBoxes(const GroupNode* const* groups, int count,
                                       QVector<bool>* done)
 {
-    struct ChildBoxes
-    {
-        QRectF rect;
-        int level = 0;
-    };
-    QHash<unsigned long long, ChildBoxes> childBoxes;
-    auto addChild = [&childBoxes](const DSPGroupGraphicalNode& box) {
+    // The children's boxes summed up per parent id, in a flat table: one
+    // lookup per box, and a graph has thousands of them.
+    childBoxIndex.startPass(groupList.size() + count);
+    childBoxes.clear();
+    auto addChild = [this](const DSPGroupGraphicalNode& box) {
         const QRectF grown = box.rect.adjusted(-ParentGroupMargin, -ParentGroupMargin,
                                                ParentGroupMargin, ParentGroupMargin);
-        const auto found = childBoxes.find(box.parentId);
-        if (found == childBoxes.end()) {
-            childBoxes.insert(box.parentId, ChildBoxes { grown, box.level });
+        int index;
+        if (!childBoxIndex.find(box.parentId, &index)) {
+            childBoxIndex.insert(box.parentId, childBoxes.size());
+            childBoxes.append(ChildBoxes { grown, box.level });
             return true;
         }
-        found->rect = found->rect.united(grown);
-        found->level = qMax(found->level, box.level);
+        ChildBoxes& found = childBoxes[index];
+        found.rect = found.rect.united(grown);
+        found.level = qMax(found.level, box.level);
         return false;
+    };
+    auto childrenOf = [this](unsigned long long id, ChildBoxes* children) {
+        int index;
+        if (!childBoxIndex.find(id, &index))
+            return false;
+        *children = childBoxes.at(index);
+        return true;
     };
     for (const DSPGroupGraphicalNode& box : qAsConst(groupList))
         addChild(box);
@@ -98,7 +115,8 @@ void DSPNetGraph::addParentGroupBoxes(const GroupNode* const* groups, int count,
         if ((*done)[i])
             continue;
         waitingById[groups[i]->id].append(i);
-        if (childBoxes.contains(groups[i]->id))
+        ChildBoxes children;
+        if (childrenOf(groups[i]->id, &children))
             thisPass.insert(i);
     }
 
@@ -107,7 +125,8 @@ void DSPNetGraph::addParentGroupBoxes(const GroupNode* const* groups, int count,
         const int i = *thisPass.begin();
         thisPass.erase(thisPass.begin());
         const GroupNode* group = groups[i];
-        const ChildBoxes children = childBoxes.value(group->id);
+        ChildBoxes children;
+        childrenOf(group->id, &children);
 
         DSPGroupGraphicalNode box;
         box.rect = children.rect;

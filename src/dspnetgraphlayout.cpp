@@ -129,6 +129,7 @@ void DSPNetGraph::slotProcessTree()
 void DSPNetGraph::layOutTree()
 {
     groupList.clear();
+    groupIndexCurrent = false;
     selectedFound = nullptr;
 
     // The head is drawn without a connection, whatever its record says.
@@ -137,7 +138,7 @@ void DSPNetGraph::layOutTree()
         head.node = tree->root.inputs.first().node;
     processNodes(head, NoPosition, 0, 1);
     processSends();
-    processGroups(tree->groups.constData(), tree->groups.size());
+    nestGroupBoxes(tree->groups.constData(), tree->groups.size());
     if (head.node)
         rememberLayoutSource();
 }
@@ -292,6 +293,7 @@ void DSPNetGraph::processNodes(const DSPNode::InputRecord& record, QPoint parent
     }
     // Units of the last layout that were not overwritten go now.
     nodeList.resize(placedCount);
+    groupIndexCurrent = true;
 }
 
 // A walk from the head places the units mostly in the order of the model's
@@ -302,10 +304,12 @@ void DSPNetGraph::prefetchByRecords(const DSPNode* node) const
 {
     if (!recordsAhead)
         return;
+    // Twice the usual distance: placing a unit takes little time once its
+    // lists are there, and the lists can only be asked for once it is.
     const int record = node->recordIndex;
-    if (const DSPNode* far = tree->getRecordUnit(record + Prefetch::Distance))
+    if (const DSPNode* far = tree->getRecordUnit(record + 2 * Prefetch::Distance))
         Prefetch::object(far);
-    if (const DSPNode* near = tree->getRecordUnit(record + Prefetch::Distance / 2)) {
+    if (const DSPNode* near = tree->getRecordUnit(record + Prefetch::Distance)) {
         Prefetch::block(near->inputs);
         Prefetch::block(near->levels);
         groupIndexById.prefetch(near->groupId);
