@@ -244,10 +244,7 @@ void ProfilerNetwork::slotSocketErrorOccurred(QAbstractSocket::SocketError socke
 void ProfilerNetwork::slotPacketArrived()
 {
     idleTimer->start();
-    const QByteArray bytes = socket->read(MaxReadPerPass);
-    if (recorder && !bytes.isEmpty())
-        recorder->appendReceived(bytes);
-    receiveBytes(bytes);
+    readFromSocket();
     // A target sending at full speed must not keep the user interface from
     // turning: take the rest on the next pass of the event loop. The socket
     // will not signal again for bytes it already holds.
@@ -261,9 +258,36 @@ void ProfilerNetwork::slotPacketArrived()
     }
 }
 
+// A recording needs the bytes as they came; otherwise they go straight to
+// the end of the receive buffer instead of through a copy of their own.
+void ProfilerNetwork::readFromSocket()
+{
+    if (recorder) {
+        const QByteArray bytes = socket->read(MaxReadPerPass);
+        if (!bytes.isEmpty())
+            recorder->appendReceived(bytes);
+        receiveBytes(bytes);
+        return;
+    }
+    const int kept = received.size();
+    const qint64 wanted = qMin(socket->bytesAvailable(), MaxReadPerPass);
+    if (wanted > 0) {
+        received.resize(kept + int(wanted));
+        const qint64 read = socket->read(received.data() + kept, wanted);
+        received.resize(kept + int(qMax<qint64>(read, 0)));
+    }
+    takeReceivedBytes();
+}
+
 void ProfilerNetwork::receiveBytes(const QByteArray& bytes)
 {
-    if (!frameReceivedBytes(bytes))
+    received.append(bytes);
+    takeReceivedBytes();
+}
+
+void ProfilerNetwork::takeReceivedBytes()
+{
+    if (!frameReceivedBytes())
         return;
     if (packetList->empty())
         return;
@@ -277,9 +301,8 @@ void ProfilerNetwork::receiveBytes(const QByteArray& bytes)
 // Cuts every whole packet off the front of what has been received; a
 // partial packet stays until the rest arrives. Returns false when the
 // stream is broken and the link was dropped.
-bool ProfilerNetwork::frameReceivedBytes(const QByteArray& bytes)
+bool ProfilerNetwork::frameReceivedBytes()
 {
-    received.append(bytes);
     int offset = 0;
     while (received.size() - offset >= TARN::ProfilePacketHeaderSize) {
         const quint32 size = qFromLittleEndian<quint32>(received.constData() + offset);

@@ -105,7 +105,9 @@ private:
     void recordDisconnected();
     bool writeToTarget(const char* bytes, qint64 size);
     void failWithSocketError();
-    bool frameReceivedBytes(const QByteArray& bytes);
+    void readFromSocket();
+    void takeReceivedBytes();
+    bool frameReceivedBytes();
     void appendPacket(const QByteArray& packet);
     void dropOldestPacket();
     void clearPackets();
