@@ -307,10 +307,13 @@ private:
     SelectionSearch laidSelection = { NoSelection, NoSelection, nullptr, QPoint() };
 
     // Painting index (dspnetgraphrender.cpp): a paint looks up what meets
-    // the exposed area instead of visiting the whole layout. Rebuilt at the
-    // end of every layout pass, in place or not, since an update in place
-    // may change how many meters, and so how wide, a unit is.
+    // the exposed area instead of visiting the whole layout. Rebuilt after
+    // every layout pass, in place or not, since an update in place may
+    // change how many meters, and so how wide, a unit is; by the first
+    // paint after it, so that an update's own turn of the event loop does
+    // not wait for it.
     void indexForPainting();
+    bool paintIndexStale = true;
     const std::vector<int>& paintCandidates(const DSPNetGraphBoxIndex& index, int count,
                                             const QRectF& area);
     DSPNetGraphBoxIndex unitIndex;

@@ -119,7 +119,7 @@ void DSPNetGraph::slotProcessTree()
             updateLayoutInPlace();
         else
             layOutTree();
-        indexForPainting();
+        paintIndexStale = true;
     }
     updateWidgetSize(false);
     updateSelectedNode();
@@ -263,6 +263,7 @@ void DSPNetGraph::processNodes(const DSPNode::InputRecord& record, QPoint parent
                                unsigned int index, unsigned int count)
 {
     layoutReusable = false;
+    paintIndexStale = true;
     if (!record.node)
         return;
     if (parentPosition == NoPosition)

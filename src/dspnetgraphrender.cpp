@@ -137,6 +137,10 @@ void DSPNetGraph::createDrawingResources()
 // tests those as before; what is drawn is the same pixel for pixel.
 void DSPNetGraph::renderTree(QPainter* painter, bool forImage)
 {
+    if (paintIndexStale) {
+        indexForPainting();
+        paintIndexStale = false;
+    }
     const QRectF visible = painter->hasClipping() ? painter->clipBoundingRect() : QRectF();
     const QRectF logicalVisible(visible.topLeft() / scale, visible.size() / scale);
     // Room for the widest margin any test below adds, in device (scaled)

@@ -387,10 +387,18 @@ private slots:
             shown.network.receiveBytes(PacketEncoder::encodeDSP(network, PacketEncoder::NewestDSPVersion));
             graph.setHighlightName(QStringList { "", "Fader", "0x6" }.at(random.bounded(3)));
             graph.setScale(0.2f + random.bounded(19) * 0.1f);
-            // Built from the lists as they are, so the index, not the fallback, is what gets compared.
-            QCOMPARE(graph.unitIndex.size(), graph.nodeList.size());
-            QCOMPARE(graph.standardLineIndex.size(), graph.standardLines.size());
-            QCOMPARE(graph.groupBoxIndex.size(), graph.groupList.size());
+            // A paint has indexed this layout when the next snapshot, in place, gives units up to 32 meters, which
+            // widens their boxes: the next paint must index them again.
+            {
+                QImage image(1, 1, QImage::Format_RGB32);
+                QPainter painter(&image);
+                graph.renderTree(&painter, false);
+            }
+            for (SimUnit& unit : network.units)
+                unit.levels.resize(random.bounded(33));
+            const quint64 values = shown.tree.getValueSerial();
+            shown.network.receiveBytes(PacketEncoder::encodeDSP(network, PacketEncoder::NewestDSPVersion));
+            QVERIFY(shown.tree.getValueSerial() != values);
 
             const QSize size = graph.minimumSize();
             for (int view = 0; view < 10; ++view) {
@@ -422,6 +430,11 @@ private slots:
                     return image;
                 };
                 const QImage indexed = paint(true, true);
+                // The first paint built it from the lists as they are, so the index, not the fallback, is what
+                // gets compared.
+                QCOMPARE(graph.unitIndex.size(), graph.nodeList.size());
+                QCOMPARE(graph.standardLineIndex.size(), graph.standardLines.size());
+                QCOMPARE(graph.groupBoxIndex.size(), graph.groupList.size());
                 const QString where = QStringLiteral("trial %1, scale %2, area %3,%4 %5x%6")
                                           .arg(trial).arg(graph.getScale()).arg(area.x()).arg(area.y())
                                           .arg(area.width()).arg(area.height());
