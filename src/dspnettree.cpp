@@ -213,7 +213,6 @@ int DSPTree::countPacketUnits(const QByteArray& packet, int firstRecord, int ver
     return countUnits(packet, firstRecord, version, &unitIds);
 }
 
-
 void DSPTree::readDSPPrologue(PacketReader* in, int version)
 {
     if (version == 6) {
