@@ -399,8 +399,7 @@ void DSPNetGraph::finishNode(const DSPNode::InputRecord& record, QPoint position
 
 void DSPNetGraph::placeNode(const DSPNode* node, QPoint position)
 {
-    placements.insert(node, position);
-    const int laid = placements.moveEntry(node, placedCount);
+    const int laid = placements.place(node, position, placedCount);
     if (placedCount == nodeList.size())
         nodeList.append(DSPNetGraphicalNode());
     DSPNetGraphicalNode& graphical = nodeList[placedCount];

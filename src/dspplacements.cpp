@@ -54,9 +54,11 @@ void DSPPlacementTable::insert(const DSPNode* node, QPoint position)
     positions[row] = position;
 }
 
-int DSPPlacementTable::moveEntry(const DSPNode* node, int entry)
+int DSPPlacementTable::place(const DSPNode* node, QPoint position, int entry)
 {
     const int row = rowOf(node);
+    passOfRow[row] = pass;
+    positions[row] = position;
     const int before = entries[row];
     entries[row] = entry;
     return before;

@@ -26,9 +26,9 @@ public:
     void insert(const DSPNode* node, QPoint position);
     // This pass's entries as the layout's public table shows them.
     QHash<int, QPoint> toHash() const;
-    // Notes where the unit's entry lies in the view's list of placed units
-    // and returns where the entry of its key lay before, or -1.
-    int moveEntry(const DSPNode* node, int entry);
+    // insert() for a unit placed at `entry` of the view's list of placed
+    // units; returns where the entry of its key lay before, or -1.
+    int place(const DSPNode* node, QPoint position, int entry);
     // The entry last noted for the unit's key, or -1.
     int entryOf(const DSPNode* node) { return entries[rowOf(node)]; }
     int rowCount() const { return int(keys.size()); }
