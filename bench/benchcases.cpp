@@ -101,7 +101,9 @@ NetworkCase::NetworkCase(DSPShapes::DSPShape shape, int units)
     network->receiveBytes(dspPacket);
     lastFed = &dspPacket;
     QObject::disconnect(network.get(), &ProfilerNetwork::packetReady, tree.get(), &DSPTree::slotPacketArrived);
-    QObject::disconnect(tree.get(), &DSPTree::dspNetTreeUpdated, graph.get(), &DSPNetGraph::slotProcessTree);
+    QObject::disconnect(tree.get(), &DSPTree::dspNetTreeUpdated, graph.get(), &DSPNetGraph::slotTreeUpdated);
+    // A large network's layout waits for the event loop; the stages call it themselves.
+    graph->slotProcessTree();
 
     graphSize = QSize(graph->widgetWidth, graph->widgetHeight);
     placedUnits = graph->nodeList.size();

@@ -37,11 +37,30 @@ DSPNetGraph::DSPNetGraph(DSPTree* tree, QWidget* parent, Qt::WindowFlags flags)
     createDrawingResources();
     refreshTimer->setSingleShot(true);
     connect(refreshTimer, &QTimer::timeout, this, QOverload<>::of(&QWidget::update));
-    connect(tree, &DSPTree::dspNetTreeUpdated, this, &DSPNetGraph::slotProcessTree);
+    connect(tree, &DSPTree::dspNetTreeUpdated, this, &DSPNetGraph::slotTreeUpdated);
     updateGraphicSize();
 }
 
 DSPNetGraph::~DSPNetGraph() = default;
+
+void DSPNetGraph::slotTreeUpdated()
+{
+    if (tree->nodesById.size() < DeferredLayoutUnits) {
+        slotProcessTree();
+        return;
+    }
+    // Updates that come before the queued layout runs are laid out by it.
+    if (layoutQueued)
+        return;
+    layoutQueued = true;
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            layoutQueued = false;
+            slotProcessTree();
+        },
+        Qt::QueuedConnection);
+}
 
 void DSPNetGraph::refresh()
 {

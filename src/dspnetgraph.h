@@ -159,6 +159,7 @@ signals:
 
 public slots:
     void slotProcessTree();
+    void slotTreeUpdated();
     void slotDSPEnable();
     void slotDSPDisable();
     void slotDSPBypass();
@@ -296,6 +297,11 @@ private:
     bool laidExcessiveInputs = false;
     bool laidInactiveInputs = false;
     bool layoutReusable = false;
+    // A network this large takes tens of milliseconds to decode and as long
+    // again to lay out; its layout waits for the event loop's next turn, so
+    // that the window answers in between instead of freezing for both.
+    static constexpr int DeferredLayoutUnits = 20000;
+    bool layoutQueued = false;
     // The selection the layout last looked for, and what it found.
     struct SelectionSearch
     {

@@ -661,6 +661,21 @@ private slots:
         QCOMPARE(saved.pixel(20, 20), qRgb(66, 186, 255));
         QCOMPARE(qAlpha(saved.pixel(180, 1500)), 0);
     }
+
+    // A network this large is laid out in the event loop's next turn, not in the one that decoded it; updates
+    // that come before then are laid out once, as the newest. A small one is laid out at once.
+    void largeNetworkLaidOutNextTurn()
+    {
+        Model model;
+        model.network.receiveBytes(dspChainV6(20000));
+        model.network.receiveBytes(dspChainV6(20001));
+        QVERIFY(model.graph.nodeList.isEmpty());
+        QTRY_COMPARE(model.graph.nodeList.size(), 20001);
+        model.network.receiveBytes(dspChainV6(3));
+        QCOMPARE(placed(model.graph), QStringLiteral("1@10,10 2@210,10 3@410,10"));
+        model.network.receiveBytes(dspChainV6(20002));
+        QTRY_COMPARE(model.graph.nodeList.size(), 20002);
+    }
 };
 
 QTEST_MAIN(TestDSPNetGraph)
