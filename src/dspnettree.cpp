@@ -16,11 +16,6 @@ using namespace DSPRecords;
 namespace
 {
 
-// Marks of DSPNode::walkIndex while a network is rebuilt: read by this walk
-// (and so the value left afterwards), or not read yet.
-const int ReadUnit = -1;
-const int UnreadUnit = -2;
-
 const QString OldVersionText = QStringLiteral("Connected. (Old version detected, reduced functionality)");
 const QString IncompatibleVersionText =
     QStringLiteral("Connected. (Incompatible version detected, reduced functionality)");
@@ -153,10 +148,10 @@ bool DSPTree::readDSPData()
     return true;
 }
 
-// Units of the last network are marked as met on themselves, found in the
-// order of the last packet's records (a changed network mostly keeps it)
-// and asked for ahead; that walk touches them just before the rebuild does
-// anyway. Only ids new to the network go into the set.
+// Units of the last network are found in the order of the last packet's
+// records (a changed network mostly keeps it) and marked as met by their
+// first record there, without touching the units themselves. Only ids new
+// to the network go into the set.
 class DSPTree::KnownUnitSightings : public UnitSightings
 {
 public:
@@ -166,31 +161,33 @@ public:
     {
         pass = ++tree->lastCountPass;
         tree->unitIds.startPass(records);
+        tree->countMarks.resize(tree->shapeRecords.size());
     }
 
     bool firstSighting(unsigned long long id) override
     {
-        DSPNode* node = knownUnit(id);
-        if (!node)
+        const int unit = knownUnitRecord(id);
+        if (unit < 0)
             return tree->unitIds.insertNew(id, true);
-        if (node->countPass == pass)
+        quint64& mark = tree->countMarks[unit];
+        if (mark == pass)
             return false;
-        node->countPass = pass;
+        mark = pass;
         return true;
     }
 
 private:
-    DSPNode* knownUnit(unsigned long long id)
+    // The first record of the last network's unit with this id, or -1.
+    int knownUnitRecord(unsigned long long id)
     {
         const QVector<ShapeRecord>& records = tree->shapeRecords;
-        if (cursor + Prefetch::Distance < records.size())
-            Prefetch::object(records.at(cursor + Prefetch::Distance).node);
-        if (cursor < records.size() && records.at(cursor).node->id == id)
-            return records.at(cursor++).node;
-        DSPNode* node = tree->nodesById.value(id, nullptr);
-        if (node)
-            cursor = node->recordIndex + 1;
-        return node;
+        if (cursor < records.size() && records.at(cursor).id == id)
+            return records.at(cursor++).unitRecord;
+        const DSPNode* node = tree->nodesById.value(id, nullptr);
+        if (!node)
+            return -1;
+        cursor = node->recordIndex + 1;
+        return node->recordIndex;
     }
 
     DSPTree* tree;
@@ -230,7 +227,7 @@ void DSPTree::rebuildDSPGraph(const QByteArray& packet, int version, int firstRe
 {
     // The units of the last network are reused for the same ids: most of a
     // changed network is still the network it was.
-    markUnitsForReuse(version);
+    keepRecordsForReuse(version);
     shapeNodes.clear();
     shapeRecords.clear();
     root = DSPNode();
@@ -340,29 +337,23 @@ void DSPTree::noteRecordTopology(DSPNode* node, DSPNode* parent, bool first)
         shapeRecords.at(k).node->depth = -1;
 }
 
-// Marks every unit as not yet read by the coming walk. A unit built from
-// the last packet also notes where its record lay there, so that an
-// unchanged name need not be decoded again. The last packet's records are
-// kept for the walk: a changed network mostly lists its units in the same
-// order, which findUnit() uses.
-void DSPTree::markUnitsForReuse(int version)
+// Starts a walk: a unit is read by it once its readPass is this walk's.
+// The last packet's records are kept for the walk: a changed network mostly
+// lists its units in the same order, which findUnit() uses, and a unit's
+// record there holds the name an unchanged one need not decode again.
+// Records of a table edited by hand may name units that are gone, so such
+// a table is walked itself.
+void DSPTree::keepRecordsForReuse(int version)
 {
+    ++rebuildPass;
     previousRecords.clear();
     reuseCursor = 0;
-    // Records of a table edited by hand may name units that are gone, so
-    // such a table is walked itself.
-    if (!nodesById.isSharedWith(shapeNodes)) {
-        for (DSPNode* node : qAsConst(nodesById))
-            node->walkIndex = UnreadUnit;
+    previousNamesKnown = false;
+    if (!nodesById.isSharedWith(shapeNodes))
         return;
-    }
-    const bool sameLayout = version == dspVersion;
-    for (int i = 0; i < shapeRecords.size(); ++i) {
-        const ShapeRecord& shape = shapeRecords.at(i);
-        if (shape.first)
-            shape.node->walkIndex = sameLayout ? i : UnreadUnit;
-    }
+    previousNamesKnown = version == dspVersion;
     previousRecords.swap(shapeRecords);
+    previousRead.fill(false, previousRecords.size());
 }
 
 // The unit of the last network with this id, or null. The record after the
@@ -386,19 +377,20 @@ DSPNode* DSPTree::findUnit(unsigned long long id)
     DSPNode* node = nodesById.value(id);
     // Picks up the last network's order again after a unit that was added
     // or moved.
-    if (node && node->walkIndex >= 0 && !previousRecords.isEmpty())
-        reuseCursor = node->walkIndex + 1;
+    if (node && node->readPass != rebuildPass && !previousRecords.isEmpty())
+        reuseCursor = node->recordIndex + 1;
     return node;
 }
 
 // Deletes the units the walk did not read. A table built here is keyed by
-// unit id, so the last network's units are enough to find them; a table
-// edited by hand is walked itself.
+// unit id, so the last network's records are enough to find them, and
+// their read marks to tell them, without touching the units that stay; a
+// table edited by hand is walked itself.
 void DSPTree::dropUnreadUnits()
 {
     if (previousRecords.isEmpty()) {
         for (auto it = nodesById.begin(); it != nodesById.end();) {
-            if (it.value()->walkIndex == ReadUnit) {
+            if (it.value()->readPass == rebuildPass) {
                 ++it;
                 continue;
             }
@@ -407,10 +399,11 @@ void DSPTree::dropUnreadUnits()
         }
         return;
     }
-    for (const ShapeRecord& shape : qAsConst(previousRecords)) {
-        if (!shape.first || shape.node->walkIndex == ReadUnit)
+    for (int i = 0; i < previousRecords.size(); ++i) {
+        const ShapeRecord& shape = previousRecords.at(i);
+        if (!shape.first || previousRead.at(i))
             continue;
-        nodesById.remove(shape.node->id);
+        nodesById.remove(shape.id);
         delete shape.node;
     }
     previousRecords.clear();
@@ -452,10 +445,11 @@ bool DSPTree::readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit
     // A unit with several consumers is held once and linked from each; its
     // cost counts only under the first.
     DSPNode* node = findUnit(scratch.id);
-    if (node && node->walkIndex == ReadUnit) {
+    if (node && node->readPass == rebuildPass) {
         link.node = node;
         parent->inputs.append(link);
-        shapeRecords.append({ node, parent, place.childCount, false, link.send, link.sidechain });
+        shapeRecords.append(
+            { node, parent, node->id, node->recordIndex, place.childCount, false, link.send, link.sidechain });
         noteRecordTopology(node, parent, false);
         return true;
     }
@@ -465,7 +459,8 @@ bool DSPTree::readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit
     }
     takeRecord(node, record, place.childCount);
     node->recordIndex = shapeRecords.size();
-    shapeRecords.append({ node, parent, place.childCount, true, link.send, link.sidechain });
+    shapeRecords.append(
+        { node, parent, node->id, node->recordIndex, place.childCount, true, link.send, link.sidechain });
     noteRecordTopology(node, parent, true);
     pending->append({ node, parent, place.childCount, link });
     return true;
@@ -492,15 +487,19 @@ void DSPTree::takeRecord(DSPNode* node, const char* record, int childCount)
     // The walk before the rebuild checked that this many records follow.
     node->inputs.reserve(childCount);
 
+    // A unit of the last network still holds the index of its record there.
+    const int previous = previousRecords.isEmpty() ? -1 : node->recordIndex;
+    if (previous >= 0)
+        previousRead[previous] = true;
+    node->readPass = rebuildPass;
+
     const int size = recordSize(dspVersion);
-    const int previous = node->walkIndex;
     // shapePacket is still the last network's packet while the walk runs.
-    const bool nameKnown = previous >= 0 && shapeFirstRecord + qint64(previous + 1) * size <= shapePacket.size()
+    const bool nameKnown = previousNamesKnown && previous >= 0 && shapeFirstRecord + qint64(previous + 1) * size <= shapePacket.size()
                            && sameRecordName(record, shapePacket.constData() + shapeFirstRecord + previous * size,
                                              dspVersion);
     if (!nameKnown)
         node->name = readRecordName(record, dspVersion);
-    node->walkIndex = ReadUnit;
 }
 
 void DSPTree::releaseUnits()

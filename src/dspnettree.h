@@ -42,13 +42,13 @@ struct DSPNode
     QVector<char> levels;
     QVector<InputRecord> inputs;
     int depth = -1;
-    // Scratch number of the unit while the network is read or its depths
-    // are computed; -1 otherwise.
+    // Scratch number of the unit while its depths are computed; -1
+    // otherwise.
     int walkIndex = -1;
     // The unit's first record in the packet it was last read from.
     int recordIndex = -1;
-    // The last count of a packet's units that met this unit.
-    quint64 countPass = 0;
+    // The last rebuild of the network that read this unit.
+    quint64 readPass = 0;
     // The unit's row in a view's placement table, for the key and the
     // table generation it was given for; the model never reads these.
     mutable quint32 viewGeneration = 0;
@@ -124,10 +124,14 @@ private:
     class KnownUnitSightings;
     // One record of the packet the current network was built from, in
     // packet order: what a later packet must repeat to be the same network.
+    // The unit's id and the index of its first record are kept here too, so
+    // that the count of the next packet need not touch the unit.
     struct ShapeRecord
     {
         DSPNode* node;
         DSPNode* parent;
+        unsigned long long id;
+        int unitRecord;
         int childCount;
         bool first;
         bool send;
@@ -161,7 +165,7 @@ private:
     template <typename Visit>
     void visitUnits(Visit visit);
     void takeRecord(DSPNode* node, const char* record, int childCount);
-    void markUnitsForReuse(int version);
+    void keepRecordsForReuse(int version);
     DSPNode* findUnit(unsigned long long id);
     void dropUnreadUnits();
     void noteRecordTopology(DSPNode* node, DSPNode* parent, bool first);
@@ -193,11 +197,17 @@ private:
     DSPNode scratch;
     DSPRecords::UnitIdSet unitIds;
     quint64 lastCountPass = 0;
+    // Per first record of shapeRecords: the last count that met its unit.
+    QVector<quint64> countMarks;
 
     // The records of the network being replaced, while a rebuild runs, and
     // the one expected to come next.
     QVector<ShapeRecord> previousRecords;
     int reuseCursor = 0;
+    // Per record of previousRecords: whether the rebuild read its unit.
+    QVector<bool> previousRead;
+    quint64 rebuildPass = 0;
+    bool previousNamesKnown = false;
     // Depths depend on nothing but which unit feeds which, so a rebuild whose
     // records link the same units in the same order as the last network's
     // keeps that network's depths, held here by record. sameTopology stays
