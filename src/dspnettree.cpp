@@ -370,7 +370,7 @@ DSPNode* DSPTree::findUnit(unsigned long long id)
         Prefetch::block(near->levels);
         Prefetch::block(near->inputs);
     }
-    if (next < previousRecords.size() && previousRecords.at(next).node->id == id) {
+    if (next < previousRecords.size() && previousRecords.at(next).id == id) {
         ++reuseCursor;
         return previousRecords.at(next).node;
     }
