@@ -66,7 +66,8 @@ private slots:
 
     void decodes_data()
     {
-        // Decoded first; an empty packet among them stands for every depth set to 7 by hand.
+        // Decoded first; an empty packet among them stands for a hand edit: every depth set to 7 and a unit
+        // 99 added, which the next packet must drop.
         QTest::addColumn<QByteArrayList>("before");
         QTest::addColumn<QByteArray>("packet");
         // Fields of unitFields() as text, and "status" (all texts the packet caused), "updates" (how many
@@ -177,8 +178,11 @@ private slots:
         row("same order, other nesting", nestedOff, depths, { fan });
         row("other nesting and back", nestedOff, depths, { nested, fan });
         row("last unit gone", nestedOff, depths, { chain4 });
+        row("repeat gone", fan, { { "2.depth", "1" } },
+            { dspPacketV6({ { 1, 2 }, { 2, 0 }, { 3, 1, 1, 0 }, { 2, 0 } }) });
         row("cycle kept", cycle, depths, { cycle, cycleOff });
         row("depths set by hand", nestedOff, depths, { nested, QByteArray() });
+        row("same packet after a hand edit", nested, depths, { nested, QByteArray() });
 
         // The second of two levels, in dB clamped to [-80, 10].
         const QVector<QPair<float, int>> conversions {
@@ -215,9 +219,14 @@ private slots:
         QFETCH(QByteArray, packet);
         QFETCH(Fields, fields);
         for (const QByteArray& earlier : qAsConst(before)) {
-            for (DSPNode* node : qAsConst(live->tree.nodesById))
-                node->depth = earlier.isEmpty() ? 7 : node->depth;
             QVERIFY(earlier.isEmpty() || live->feed(earlier));
+            if (!earlier.isEmpty())
+                continue;
+            for (DSPNode* node : qAsConst(live->tree.nodesById))
+                node->depth = 7;
+            DSPNode* added = new DSPNode;
+            added->id = 99;
+            live->tree.nodesById.insert(added->id, added);
         }
         const Fields old = unitFields(live->tree);
         const int updatesBefore = live->updated.count();
@@ -249,17 +258,6 @@ private slots:
         // The link stays in step: the next good packet is decoded.
         QVERIFY(live->feed(dspPacketV6({ { 7, 0 } })));
         QCOMPARE(live->tree.root.inputs.first().node->id, 7ull);
-    }
-
-    // A table edited by hand is rebuilt from the next packet alone: units it does not name go, hand-added too.
-    void handEditedTableIsReplaced()
-    {
-        QVERIFY(live->feed(dspPacketV6({ { 1, 1 }, { 2, 0 } })));
-        auto* added = new DSPNode;
-        added->id = 99;
-        live->tree.nodesById.insert(added->id, added);
-        QVERIFY(live->feed(dspPacketV6({ { 3, 0 } })));
-        QCOMPARE(live->tree.nodesById.keys(), QList<unsigned long long> { 3 });
     }
 
     void largeNetworks_data()

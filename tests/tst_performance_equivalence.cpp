@@ -86,8 +86,7 @@ int largestDifference(const QImage& a, const QImage& b)
     return largest <= 16 ? 0 : largest;
 }
 
-// A small random network: any number of inputs per unit, units feeding several consumers, now and then a
-// cycle, every flag and field varied.
+// A small random network: units feeding several consumers, now and then a cycle, every field varied.
 SimNetwork randomNetwork(QRandomGenerator& random)
 {
     static const QByteArray names[] = { "Master", "Bus:Music", "Fader", "Lowpass", "ch:12:a", "" };
@@ -289,9 +288,8 @@ private slots:
         }
     }
 
-    // Two layouts share the model's units, units come and go or change ids, some share their low 32 bits, and
-    // passes sized far below the keys seen force the rows to be given up and numbered again: every answer must
-    // still be what a plain hash keyed by the low 32 bits gives.
+    // Two layouts share units that come and go, change ids or share their low 32 bits, and small passes make
+    // rows be given up and numbered again: every answer must be a plain hash's, keyed by the low 32 bits.
     void placementsMatchAPlainHash()
     {
         QRandomGenerator random(11);
@@ -357,10 +355,9 @@ private slots:
         QTest::newRow("ladder 1000") << DSPShapes::DSPShape::DiamondLadder << 1000 << 14u;
     }
 
-    // Painting what the index finds near an exposed area must give exactly the pixels visiting every item gives, under
-    // the same clip: an item the index drops, or finds twice, shows. And either must give the area the pixels an
-    // unclipped paint gives it: an item culled wrongly shows. Options, zoom, selection, highlight, guids and long group
-    // names vary, and the areas include the whole graph, empty ones and ones past the edge.
+    // Painting what the index finds near an area must give exactly the pixels of visiting every item under the
+    // same clip (an item dropped or found twice shows), and both the pixels of an unclipped paint (an item culled
+    // wrongly shows). Options, zoom, selection, highlight, guids and names vary; areas may be empty or overhang.
     void indexedPaintMatchesPlainPaint()
     {
         QFETCH(DSPShapes::DSPShape, shape);
@@ -387,13 +384,23 @@ private slots:
             shown.network.receiveBytes(PacketEncoder::encodeDSP(network, PacketEncoder::NewestDSPVersion));
             graph.setHighlightName(QStringList { "", "Fader", "0x6" }.at(random.bounded(3)));
             graph.setScale(0.2f + random.bounded(19) * 0.1f);
+            bool forImage = false;
+            const auto paint = [&](const QRect& area, bool indexed, bool clipped) {
+                // Opaque, as on screen: nearly transparent pixels have no stable colour.
+                QImage image(area.size().expandedTo(QSize(1, 1)).boundedTo(QSize(2000, 2000)),
+                             QImage::Format_RGB32);
+                image.fill(QColor(49, 56, 64));
+                QPainter painter(&image);
+                painter.translate(-area.topLeft());
+                if (clipped)
+                    painter.setClipRect(area);
+                graph.paintIndexed = indexed;
+                graph.renderTree(&painter, forImage);
+                return image;
+            };
             // A paint has indexed this layout when the next snapshot, in place, gives units up to 32 meters, which
             // widens their boxes: the next paint must index them again.
-            {
-                QImage image(1, 1, QImage::Format_RGB32);
-                QPainter painter(&image);
-                graph.renderTree(&painter, false);
-            }
+            paint(QRect(0, 0, 1, 1), true, false);
             for (SimUnit& unit : network.units)
                 unit.levels.resize(random.bounded(33));
             const quint64 values = shown.tree.getValueSerial();
@@ -415,42 +422,25 @@ private slots:
                                         QRect(x - 400, y - 300, 800, 600), QRect(near - QPoint(800, 600), near),
                                         QRect(near, QSize(800, 600)) };
                 const QRect area = areas[view < 2 ? view : random.bounded(7)];
-                const bool forImage = random.bounded(4) == 0;
-                const auto paint = [&](bool indexed, bool clipped) {
-                    // Opaque, as on screen: nearly transparent pixels have no stable colour.
-                    QImage image(area.size().expandedTo(QSize(1, 1)).boundedTo(QSize(2000, 2000)),
-                                 QImage::Format_RGB32);
-                    image.fill(QColor(49, 56, 64));
-                    QPainter painter(&image);
-                    painter.translate(-area.topLeft());
-                    if (clipped)
-                        painter.setClipRect(area);
-                    graph.paintIndexed = indexed;
-                    graph.renderTree(&painter, forImage);
-                    return image;
-                };
-                const QImage indexed = paint(true, true);
-                // The first paint built it from the lists as they are, so the index, not the fallback, is what
-                // gets compared.
+                forImage = random.bounded(4) == 0;
+                const QImage indexed = paint(area, true, true);
+                // Built from the lists as they are: the index, not the fallback, is what gets compared.
                 QCOMPARE(graph.unitIndex.size(), graph.nodeList.size());
                 QCOMPARE(graph.standardLineIndex.size(), graph.standardLines.size());
                 QCOMPARE(graph.groupBoxIndex.size(), graph.groupList.size());
-                const QString where = QStringLiteral("trial %1, scale %2, area %3,%4 %5x%6")
-                                          .arg(trial).arg(graph.getScale()).arg(area.x()).arg(area.y())
-                                          .arg(area.width()).arg(area.height());
-                QVERIFY2(indexed == paint(false, true), qPrintable(where));
-                // Painting a large network unclipped takes long: a few areas of it suffice. The first area is
-                // the whole graph, where the clip cuts nothing.
+                QString where;
+                QDebug(&where) << "trial" << trial << "scale" << graph.getScale() << area;
+                QVERIFY2(indexed == paint(area, false, true), qPrintable(where));
+                // Unclipped, a large network paints slowly: a few areas suffice. The first area clips nothing.
                 if (!area.isEmpty() && view >= 2 && (!units || view % 4 == 2))
-                    QVERIFY2(largestDifference(indexed, paint(false, false)) == 0, qPrintable(where));
+                    QVERIFY2(largestDifference(indexed, paint(area, false, false)) == 0, qPrintable(where));
             }
         }
     }
 
-    // A running model and view take snapshot after snapshot: the same network with new figures is written
-    // into both in place, a changed one rebuilt from the units they have. After every packet both must be
-    // what building them afresh from it gives, and a packet dropped as broken must leave both as they were.
-    // Groups edited by hand must be built again from the same packet.
+    // A running model and view take snapshot after snapshot, the same network in place, a changed one rebuilt
+    // from the units they have: after every packet both must be what a fresh build gives, and a broken packet
+    // must leave both as they were. Groups edited by hand must be built again from the same packet.
     void updatesMatchFreshBuild()
     {
         QRandomGenerator random(2026);
