@@ -66,8 +66,8 @@ private slots:
 
     void decodes_data()
     {
-        // Decoded first; an empty packet among them stands for a hand edit: every depth set to 7 and a unit
-        // 99 added, which the next packet must drop.
+        // Decoded first; an empty packet among them stands for every depth set to 7 by hand, "+" for a unit 99
+        // added by hand, which the next packet must drop.
         QTest::addColumn<QByteArrayList>("before");
         QTest::addColumn<QByteArray>("packet");
         // Fields of unitFields() as text, and "status" (all texts the packet caused), "updates" (how many
@@ -182,7 +182,7 @@ private slots:
             { dspPacketV6({ { 1, 2 }, { 2, 0 }, { 3, 1, 1, 0 }, { 2, 0 } }) });
         row("cycle kept", cycle, depths, { cycle, cycleOff });
         row("depths set by hand", nestedOff, depths, { nested, QByteArray() });
-        row("same packet after a hand edit", nested, depths, { nested, QByteArray() });
+        row("unit added by hand", nested, depths, { nested, "+" });
 
         // The second of two levels, in dB clamped to [-80, 10].
         const QVector<QPair<float, int>> conversions {
@@ -219,14 +219,11 @@ private slots:
         QFETCH(QByteArray, packet);
         QFETCH(Fields, fields);
         for (const QByteArray& earlier : qAsConst(before)) {
-            QVERIFY(earlier.isEmpty() || live->feed(earlier));
-            if (!earlier.isEmpty())
-                continue;
             for (DSPNode* node : qAsConst(live->tree.nodesById))
-                node->depth = 7;
-            DSPNode* added = new DSPNode;
-            added->id = 99;
-            live->tree.nodesById.insert(added->id, added);
+                node->depth = earlier.isEmpty() ? 7 : node->depth;
+            if (earlier == "+")
+                (*live->tree.nodesById.insert(99, new DSPNode))->id = 99;
+            QVERIFY(earlier.isEmpty() || earlier == "+" || live->feed(earlier));
         }
         const Fields old = unitFields(live->tree);
         const int updatesBefore = live->updated.count();
