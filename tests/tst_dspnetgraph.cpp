@@ -421,8 +421,8 @@ private slots:
     }
 
     // On the version-6 test network with inactive inputs hidden, units sit at 257 (10, 10), 258 (210, 10),
-    // 261 (410, 10), 259 (210, 85), 263 (410, 85, bypassed), 264 (410, 160) and 260 (410, 235). Unit 257 is
-    // selected before each gesture. The menu runs its own event loop; a zero timer reads it and picks the action.
+    // 261 (410, 10), 259 (210, 85), 263 (410, 85, bypassed), 264 (410, 160) and 260 (410, 235). 257 is
+    // selected before each gesture. The menu runs its own event loop; a zero timer reads it and picks.
     void mouseGestures()
     {
         QFETCH(float, scale);

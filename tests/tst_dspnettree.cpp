@@ -66,8 +66,8 @@ private slots:
 
     void decodes_data()
     {
-        // Decoded first; an empty packet among them stands for every depth set to 7 by hand, "+" for a unit 99
-        // added by hand, which the next packet must drop.
+        // Decoded first; an empty packet stands for every depth set to 7 by hand, "+" for a unit 99 added
+        // by hand, which the next packet must drop.
         QTest::addColumn<QByteArrayList>("before");
         QTest::addColumn<QByteArray>("packet");
         // Fields of unitFields() as text, and "status" (all texts the packet caused), "updates" (how many

@@ -355,9 +355,9 @@ private slots:
         QTest::newRow("ladder 1000") << DSPShapes::DSPShape::DiamondLadder << 1000 << 14u;
     }
 
-    // Painting what the index finds near an area must give exactly the pixels of visiting every item under the
-    // same clip (an item dropped or found twice shows), and both the pixels of an unclipped paint (an item culled
-    // wrongly shows). Options, zoom, selection, highlight, guids and names vary; areas may be empty or overhang.
+    // Painting what the index finds in an area must give exactly the pixels of visiting every item under the
+    // same clip (an item dropped or found twice shows), and those of an unclipped paint (one culled wrongly
+    // shows). Options, zoom, selection, highlight, guids and names vary; areas may be empty or overhang.
     void indexedPaintMatchesPlainPaint()
     {
         QFETCH(DSPShapes::DSPShape, shape);
@@ -431,7 +431,7 @@ private slots:
                 QString where;
                 QDebug(&where) << "trial" << trial << "scale" << graph.getScale() << area;
                 QVERIFY2(indexed == paint(area, false, true), qPrintable(where));
-                // Unclipped, a large network paints slowly: a few areas suffice. The first area clips nothing.
+                // Unclipped, a large network paints slowly: a few areas do. The first area clips nothing.
                 if (!area.isEmpty() && view >= 2 && (!units || view % 4 == 2))
                     QVERIFY2(largestDifference(indexed, paint(area, false, false)) == 0, qPrintable(where));
             }
