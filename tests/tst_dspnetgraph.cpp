@@ -561,6 +561,7 @@ private slots:
         QTest::newRow("less than a notch") << 1.0f << QPoint(0, 60) << false << 1.0f << QPoint(300, 400);
         QTest::newRow("clamped at 2.0") << 2.0f << QPoint(0, 120) << false << 2.0f << QPoint(300, 400);
         QTest::newRow("horizontal is swallowed") << 1.0f << QPoint(120, 0) << false << 1.0f << QPoint(300, 400);
+        QTest::newRow("a diagonal counts as vertical") << 1.0f << QPoint(120, 120) << false << 1.1f << QPoint(370, 460);
         // The unit's centre, (670, 407.5) at scale 1, moves by the change of scale
         // times that, truncated in float: (200.99997, 122.24999), (-67.00001, -40.75).
         QTest::newRow("3 notches, unit selected") << 1.0f << QPoint(0, 360) << true << 1.3f << QPoint(500, 522);
