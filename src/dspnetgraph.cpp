@@ -32,11 +32,17 @@ int findOwnIndex(QVector<DSPGroupGraphicalNode>& groups, unsigned long long id)
 }
 
 DSPNetGraph::DSPNetGraph(DSPTree* tree, QWidget* parent, Qt::WindowFlags flags)
-    : QWidget(parent, flags), tree(tree), refreshTimer(new QTimer(this))
+    : QWidget(parent, flags), tree(tree), refreshTimer(new QTimer(this)), layoutTimer(new QTimer(this))
 {
     createDrawingResources();
     refreshTimer->setSingleShot(true);
     connect(refreshTimer, &QTimer::timeout, this, QOverload<>::of(&QWidget::update));
+    // A timer that is not yet due lets the event loop take the input that
+    // came meanwhile first; a posted call or a zero timer would run ahead of it.
+    layoutTimer->setSingleShot(true);
+    layoutTimer->setTimerType(Qt::PreciseTimer);
+    layoutTimer->setInterval(1);
+    connect(layoutTimer, &QTimer::timeout, this, &DSPNetGraph::slotProcessTree);
     connect(tree, &DSPTree::dspNetTreeUpdated, this, &DSPNetGraph::slotTreeUpdated);
     updateGraphicSize();
 }
@@ -46,20 +52,13 @@ DSPNetGraph::~DSPNetGraph() = default;
 void DSPNetGraph::slotTreeUpdated()
 {
     if (tree->nodesById.size() < DeferredLayoutUnits) {
+        layoutTimer->stop();
         slotProcessTree();
         return;
     }
-    // Updates that come before the queued layout runs are laid out by it.
-    if (layoutQueued)
-        return;
-    layoutQueued = true;
-    QMetaObject::invokeMethod(
-        this,
-        [this] {
-            layoutQueued = false;
-            slotProcessTree();
-        },
-        Qt::QueuedConnection);
+    // Updates that come before the layout runs are laid out by it.
+    if (!layoutTimer->isActive())
+        layoutTimer->start();
 }
 
 void DSPNetGraph::refresh()

@@ -298,10 +298,11 @@ private:
     bool laidInactiveInputs = false;
     bool layoutReusable = false;
     // A network this large takes tens of milliseconds to decode and as long
-    // again to lay out; its layout waits for the event loop's next turn, so
-    // that the window answers in between instead of freezing for both.
+    // again to lay out; its layout waits for a later turn of the event loop,
+    // so that the window answers input in between instead of freezing for
+    // both.
     static constexpr int DeferredLayoutUnits = 20000;
-    bool layoutQueued = false;
+    QTimer* layoutTimer;
     // The selection the layout last looked for, and what it found.
     struct SelectionSearch
     {
