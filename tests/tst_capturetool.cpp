@@ -1,5 +1,4 @@
-// tarn-capture: recording from the simulated game through the built tool,
-// and info and export of captures written here from known packets.
+// tarn-capture: recording the simulated game, and info and export of captures of known packets.
 #include "capturefixture.h"
 #include "captureinfo.h"
 #include "profilepacket.h"
@@ -38,9 +37,8 @@ QByteArray statsPacket(float dsp, int fields = 60)
     return packet.i32(123456789).i32(200000000).finishWithSize(quint32(12 + fields)).left(12 + fields);
 }
 
-// Runs the built tool under a German locale while this test's event loop
-// serves the target and returns its exit code, -1 if it did not exit;
-// interruptAfterMs >= 0 sends SIGINT after that long.
+// Runs the built tool under a German locale while this test's event loop serves the target; the
+// exit code, -1 if it did not exit. interruptAfterMs >= 0 sends SIGINT after that long.
 int runTool(const QStringList& arguments, QString* err = nullptr, int interruptAfterMs = -1)
 {
     QProcess process;
@@ -61,10 +59,9 @@ int runTool(const QStringList& arguments, QString* err = nullptr, int interruptA
     return process.exitCode();
 }
 
-// Figures in every table, split packets and ones the collectors drop (too
-// short, and a CPU version they do not read); DSP networks at uneven gaps,
-// a new one at 2 s; then a packet a disconnection cuts in half, which is not
-// glued to the next connection's, and a size that breaks that connection's
+// Figures in every table, split packets and ones the collectors drop (too short, a CPU version
+// they do not read); DSP networks at uneven gaps, a new one at 2 s; then a packet a disconnection
+// cuts in half, not glued to the next connection's, and a size that breaks that connection's
 // stream. Costs are exact in binary, so they print exactly.
 Records exportRecords()
 {
@@ -84,8 +81,7 @@ Records exportRecords()
         received(2.4, cpuPacket(3, 0) + PacketBuilder(3, 0, 1).finishWithSize(4)), received(2.5, cpuPacket(2)) };
 }
 
-// dsp-units.csv as exported at the given times: the first network's units
-// in tree order, and at 2 s the second network.
+// dsp-units.csv at the given times: the first network's units in tree order, at 2 s the second.
 QString dspUnitRows(const QStringList& times)
 {
     const QStringList first { ",7,Master,25,93.75,1,0\n", ",8,\"Bus, \"\"A\"\" \\ 1\",12.5,18.75,1,1\n",
@@ -155,8 +151,7 @@ void TestCaptureTool::recordsTheSimulatedGame()
     const ReadResult read = readCapture(file);
     const Records& records = read.records;
     QVERIFY(read.whole() && records.size() > 10);
-    // The link's own records: the connection, once, the six requests as the
-    // target got them, and the end.
+    // The link's own records: the connection, once, the six requests as sent, and the end.
     QCOMPARE(records.first().bytes, QByteArray("127.0.0.1:") + QByteArray::number(target.getPort()));
     QCOMPARE(records.first().kind, RecordKind::Connected);
     QCOMPARE(records.last().kind, RecordKind::Disconnected);
@@ -260,9 +255,9 @@ void TestCaptureTool::exports_data()
         head + "    5 [label=\"Solo\\n12.50 %\"];\n}\n");
 }
 
-// Under a German locale (runTool), every figure in the C notation as the
-// collectors give it, at the time of the packet's last bytes; the DSP units
-// at most as often as asked; the graph as of a time.
+// Under a German locale (runTool), every figure in the C notation as the collectors give it,
+// at the time of the packet's last bytes; the DSP units at most as often as asked; the graph as
+// of a time.
 void TestCaptureTool::exports()
 {
     QFETCH(QStringList, options);

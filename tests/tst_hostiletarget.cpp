@@ -1,8 +1,7 @@
-// A broken or hostile target, over a real loopback socket, against the
-// profiler's whole receive chain: network link, every collector and the
-// DSP network view inside a scroll area. Whatever the target sends, the
-// profiler must keep turning its event loop, keep its memory bounded, say
-// what happened, keep what it showed and decode the next good packet.
+// A broken or hostile target, over a real loopback socket, against the whole receive chain: link,
+// every collector and the DSP network view in a scroll area. Whatever the target sends, the
+// profiler must keep turning its event loop, keep its memory bounded, say what happened, keep
+// what it showed and decode the next good packet.
 #include "dspnetgraph.h"
 #include "dspshapes.h"
 #include "loopbacktarget.h"
@@ -16,6 +15,8 @@
 #include <QTest>
 #include <QTimer>
 
+#include <unistd.h>
+
 namespace
 {
 
@@ -23,9 +24,8 @@ const QString SocketError = QStringLiteral("A socket error has occurred... Disco
 const QString TargetClosed = QStringLiteral("Target closed... Attempting reconnection.");
 const QString MalformedDSP = QStringLiteral("Connected. (Malformed DSP data dropped)");
 
-// AddressSanitizer slows everything down and keeps freed memory in
-// quarantine, so under it only crashes and leaks are checked, not time or
-// resident memory.
+// AddressSanitizer slows everything down and keeps freed memory in quarantine: under it only
+// crashes and leaks are checked, not time or resident memory.
 #if defined(__SANITIZE_ADDRESS__)
 const bool MeasuringIsMeaningful = false;
 #else
@@ -38,31 +38,22 @@ DSPUnitV6 unit(quint64 id, quint16 children, const QByteArray& name, quint8 leve
 }
 
 // The good networks sent before and after every hostile episode.
-QByteArray shownNetwork()
-{
-    return dspPacketV6({ unit(1, 2, "Master"), unit(2, 0, "Music"), unit(3, 0, "Voice") });
-}
-
-QByteArray nextNetwork()
-{
-    return dspPacketV6({ unit(10, 3, "Master"), unit(11, 0, "Reverb"), unit(12, 0, "Lowpass"), unit(13, 0, "Channel 1") });
-}
+const QByteArray ShownNetwork =
+    dspPacketV6({ unit(1, 2, "Master"), unit(2, 0, "Music"), unit(3, 0, "Voice") });
+const QByteArray NextNetwork =
+    dspPacketV6({ unit(10, 3, "Master"), unit(11, 0, "Reverb"), unit(12, 0, "Lowpass"), unit(13, 0, "Channel 1") });
 
 QByteArray cpuPacket(float dsp)
 {
     return PacketBuilder(3, 0, 1).f32(dsp).f32(1).f32(2).f32(3).finish();
 }
 
+// The resident set: statm's second figure, in pages.
 qint64 residentKiB()
 {
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    for (const QByteArray& line : status.readAll().split('\n')) {
-        if (line.startsWith("VmRSS:"))
-            return line.mid(6).trimmed().split(' ').first().toLongLong();
-    }
-    return 0;
+    QFile statm(QStringLiteral("/proc/self/statm"));
+    const qint64 pages = statm.open(QIODevice::ReadOnly) ? statm.readAll().split(' ').value(1).toLongLong() : 0;
+    return pages * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
 int openFileDescriptors()
@@ -70,25 +61,7 @@ int openFileDescriptors()
     return QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::NoDotAndDotDot | QDir::AllEntries).size();
 }
 
-// Measures the longest stretch during which the event loop did not turn.
-struct StallWatch
-{
-    StallWatch()
-    {
-        clock.start();
-        QObject::connect(&tick, &QTimer::timeout, [this] { longest = qMax(longest, clock.restart()); });
-        tick.start(10);
-    }
-
-    qint64 longestStallMs() const { return qMax(longest, clock.elapsed()); }
-
-    QTimer tick;
-    QElapsedTimer clock;
-    qint64 longest = 0;
-};
-
-// The receive chain with the DSP network view in a scroll area, as the
-// main form shows it.
+// The receive chain with the DSP network view in a scroll area, as the main form shows it.
 struct Profiler : ProfilerChain
 {
     Profiler()
@@ -113,28 +86,22 @@ struct Profiler : ProfilerChain
     DSPNetGraph* graph;
 };
 
-// What the target does once it has sent an episode's bytes.
-enum class Then { Stays, Closes, Resets };
+// What the target does once it has sent an episode's bytes; null: it stays.
+using Then = void (LoopbackTarget::*)();
 
-// Connects, or reconnects a link the episode dropped once the target has let
-// the old one go. Coming back by itself after a close is tst_profilernetwork's
-// business; waiting here for the five-second timer would only be slow.
+// Connects, or reconnects a link the episode dropped once the target let the old one go.
+// Reconnecting by itself is tst_profilernetwork's business; its five-second timer is too slow here.
 bool connectTo(Profiler& profiler, LoopbackTarget& target)
 {
-    if (!profiler.network.isConnected()) {
-        if (!QTest::qWaitFor([&] { return !target.hasClient(); }, 5000))
-            return false;
+    if (!profiler.network.isConnected() && QTest::qWaitFor([&] { return !target.hasClient(); }, 5000))
         profiler.network.connectToHost(QStringLiteral("127.0.0.1"), target.port());
-    }
     return QTest::qWaitFor([&] { return profiler.network.isConnected() && target.hasClient(); }, 8000);
 }
 
-// Sends `packet` over and over, never more than a few megabytes ahead of
-// what the profiler has taken, until `totalBytes` have gone out.
+// Sends `packet` until `totalBytes` went out, never more than a few MB ahead of the profiler.
 void flood(LoopbackTarget& target, const QByteArray& packet, qint64 totalBytes)
 {
-    const int perChunk = qMax(1, (256 * 1024) / packet.size());
-    const QByteArray chunk = packet.repeated(perChunk);
+    const QByteArray chunk = packet.repeated(qMax(1, (256 * 1024) / packet.size()));
     qint64 sent = 0;
     QElapsedTimer guard;
     guard.start();
@@ -172,13 +139,12 @@ void TestHostileTarget::profilerSurvives_data()
 
     const QStringList kept { "Master", "Music", "Voice" };
     auto row = [](const char* name, const QByteArray& bytes, const QString& status, const QStringList& unitsAfter,
-                  int floodMB = 0, Then then = Then::Stays) {
+                  int floodMB = 0, Then then = nullptr) {
         QTest::newRow(name) << bytes << floodMB << then << status << unitsAfter;
     };
     // Sizes that cannot frame a packet end alike; tst_profilernetwork has each bound.
-    auto withSize = [&](quint32 size) { return PacketBuilder(1, 0, 6).zeros(20).finishWithSize(size); };
-    row("size 0xFFFFFFFF", withSize(0xFFFFFFFFu), SocketError, kept);
-    row("header whose body never arrives", withSize(5000).left(12), TargetClosed, kept);
+    row("size 0xFFFFFFFF", PacketBuilder(1, 0, 6).zeros(20).finishWithSize(0xFFFFFFFFu), SocketError, kept);
+    row("header whose body never arrives", PacketBuilder(1, 0, 6).finishWithSize(5000), TargetClosed, kept);
 
     // What the decoder makes of odd records is tst_dspnettree's business;
     // these are the records that could stall the loop, grow memory or upset the view.
@@ -195,12 +161,11 @@ void TestHostileTarget::profilerSurvives_data()
     // visits 2^60 of them.
     row("diamond ladder 60 deep", DSPShapes::makeDSPPacket(DSPShapes::DSPShape::DiamondLadder, 121), QString(), {});
 
-    // Under AddressSanitizer a tenth: the run looks for crashes and leaks
-    // there, not for throughput.
+    // Under AddressSanitizer a tenth: the run looks for crashes and leaks there, not throughput.
     row("500 MB of CPU packets", cpuPacket(42.0f), QString(), kept, MeasuringIsMeaningful ? 500 : 50);
     row("packets of an unknown type", PacketBuilder(8, 0, 0).zeros(100).finish(), QString(), kept, 50);
-    row("closes mid-packet", nextNetwork().left(100), TargetClosed, kept, 0, Then::Closes);
-    row("resets the connection", QByteArray(), QString(), kept, 0, Then::Resets);
+    row("closes mid-packet", NextNetwork.left(100), TargetClosed, kept, 0, &LoopbackTarget::closeClient);
+    row("resets the connection", QByteArray(), QString(), kept, 0, &LoopbackTarget::resetClient);
 }
 
 void TestHostileTarget::profilerSurvives()
@@ -215,7 +180,7 @@ void TestHostileTarget::profilerSurvives()
     Profiler profiler;
     QVERIFY(connectTo(profiler, target));
 
-    target.send(shownNetwork() + cpuPacket(1.0f));
+    target.send(ShownNetwork + cpuPacket(1.0f));
     QVERIFY(QTest::qWaitFor(
         [&] { return profiler.graph->nodeList.size() == 3 && profiler.cpuHistory.getHistoryList()->size() == 1; },
         5000));
@@ -226,33 +191,35 @@ void TestHostileTarget::profilerSurvives()
     connect(&profiler.network, &ProfilerNetwork::statusChanged, &recording, record);
     connect(&profiler.dspTree, &DSPTree::statusChanged, &recording, record);
     const qint64 memoryBefore = residentKiB();
-    StallWatch stalls;
+    // The longest stretch during which the event loop did not turn.
+    qint64 longestStallMs = 0;
+    QElapsedTimer sinceTick;
+    QTimer tick;
+    connect(&tick, &QTimer::timeout, [&] { longestStallMs = qMax(longestStallMs, sinceTick.restart()); });
+    sinceTick.start();
+    tick.start(10);
 
     if (floodMB > 0)
         flood(target, bytes, floodMB * 1000LL * 1000);
     else
         target.send(bytes);
-    if (then != Then::Stays) {
+    if (then) {
         QTest::qWait(50);
-        if (then == Then::Closes)
-            target.closeClient();
-        else
-            target.resetClient();
+        (target.*then)();
     }
     if (!status.isEmpty())
         QVERIFY2(QTest::qWaitFor([&] { return statuses.contains(status); }, 5000), qPrintable(statuses.join(", ")));
     else
         QTest::qWait(300);
 
+    const qint64 stallMs = qMax(longestStallMs, sinceTick.elapsed());
     const qint64 growthKiB = residentKiB() - memoryBefore;
-    qInfo("longest stall %lld ms, memory growth %lld KiB", stalls.longestStallMs(), growthKiB);
+    qInfo("longest stall %lld ms, memory growth %lld KiB", stallMs, growthKiB);
     if (MeasuringIsMeaningful) {
         // Showing a 100000-unit chain takes about 150 ms here; anything worse
         // than linear in it would take seconds. The margin is for a busy machine.
-        QVERIFY2(stalls.longestStallMs() < 500,
-                 qPrintable(QStringLiteral("event loop stalled for %1 ms").arg(stalls.longestStallMs())));
-        // A big network that is valid is shown, and takes memory in
-        // proportion to its packet; nothing else may make memory grow.
+        QVERIFY2(stallMs < 500, qPrintable(QStringLiteral("event loop stalled for %1 ms").arg(stallMs)));
+        // A big valid network is shown, in memory proportional to its packet; nothing else grows.
         const qint64 boundKiB = 32 * 1024 + 8 * bytes.size() / 1024;
         QVERIFY2(growthKiB < boundKiB, qPrintable(QStringLiteral("memory grew by %1 KiB").arg(growthKiB)));
     }
@@ -262,10 +229,9 @@ void TestHostileTarget::profilerSurvives()
     if (!unitsAfter.isEmpty())
         QCOMPARE(profiler.unitNames(), unitsAfter);
 
-    // The next good packet, on this link or on the one the profiler
-    // makes again, is decoded exactly.
+    // The next good packet, on this link or on a new one, is decoded exactly.
     QVERIFY(connectTo(profiler, target));
-    target.send(nextNetwork() + cpuPacket(7.0f));
+    target.send(NextNetwork + cpuPacket(7.0f));
     QVERIFY(QTest::qWaitFor([&] { return profiler.graph->nodeList.size() == 4; }, 5000));
     QCOMPARE(profiler.unitNames(), (QStringList { "Master", "Reverb", "Lowpass", "Channel 1" }));
     QCOMPARE(profiler.dspTree.nodesById.value(13)->depth, 1);
@@ -289,7 +255,7 @@ void TestHostileTarget::connectCloseCyclesLeakNothing()
             memoryBefore = residentKiB();
         }
         QVERIFY(connectTo(profiler, target));
-        target.send(shownNetwork() + cpuPacket(float(cycle)));
+        target.send(ShownNetwork + cpuPacket(float(cycle)));
         const QList<CPUUsageSnapshot>* history = profiler.cpuHistory.getHistoryList();
         QVERIFY(QTest::qWaitFor([&] { return !history->isEmpty() && history->last().dsp == float(cycle); }, 5000));
         if (cycle % 2)

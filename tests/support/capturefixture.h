@@ -10,8 +10,8 @@
 
 #include <algorithm>
 
-// What the capture tests share: records compared whole, one header, files
-// written and read back in a call, and the profiler's data request.
+// What the capture tests share: records compared whole, one header, files written and read
+// back in a call, and the profiler's data request.
 using Capture::Record;
 using Capture::RecordKind;
 using Records = QVector<Record>;
@@ -25,11 +25,8 @@ inline bool operator==(const Record& a, const Record& b)
 }
 } // namespace Capture
 
-inline Capture::Header testHeader()
-{
-    return { QDateTime(QDate(2024, 5, 6), QTime(7, 8, 9, 10), Qt::UTC), QStringLiteral("127.0.0.1"), 9264,
-             QStringLiteral("0.1+gittest") };
-}
+inline const Capture::Header TestHeader { QDateTime(QDate(2024, 5, 6), QTime(7, 8, 9, 10), Qt::UTC),
+                                          QStringLiteral("127.0.0.1"), 9264, QStringLiteral("0.1+gittest") };
 
 inline Record at(double seconds, RecordKind kind, const QByteArray& bytes = QByteArray())
 {
@@ -54,11 +51,11 @@ inline bool writeFile(const QString& path, const QByteArray& bytes)
     return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
-// Writes the records at their own times under testHeader() and returns the file.
+// Writes the records at their own times under TestHeader and returns the file.
 inline QByteArray writeCapture(const QString& path, const Records& records)
 {
     CaptureWriter writer;
-    if (!writer.open(path, testHeader()))
+    if (!writer.open(path, TestHeader))
         return QByteArray();
     for (const Record& record : records)
         writer.append(record);
