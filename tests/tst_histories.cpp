@@ -290,7 +290,6 @@ void TestHistories::figures()
             : kind == Codecs                     ? model.codecs(packet)
                                                  : model.stats(packet);
         m.network.receiveBytes(packet.finish());
-        QCOMPARE(m.updated[kind]->count(), i + 1);
         compareJson(m.collected(kind), expected);
         QVERIFY2(!QTest::currentTestFailed(), qPrintable(QStringLiteral("packet %1").arg(i)));
     }

@@ -40,8 +40,8 @@ DSPUnitV6 unit(quint64 id, quint16 children, const QByteArray& name, quint8 leve
 // The good networks sent before and after every hostile episode.
 const QByteArray ShownNetwork =
     dspPacketV6({ unit(1, 2, "Master"), unit(2, 0, "Music"), unit(3, 0, "Voice") });
-const QByteArray NextNetwork =
-    dspPacketV6({ unit(10, 3, "Master"), unit(11, 0, "Reverb"), unit(12, 0, "Lowpass"), unit(13, 0, "Channel 1") });
+const QByteArray NextNetwork = dspPacketV6(
+    { unit(10, 3, "Master"), unit(11, 0, "Reverb"), unit(12, 0, "Lowpass"), unit(13, 0, "Channel 1") });
 
 QByteArray cpuPacket(float dsp)
 {
@@ -149,10 +149,9 @@ void TestHostileTarget::profilerSurvives_data()
     // What the decoder makes of odd records is tst_dspnettree's business;
     // these are the records that could stall the loop, grow memory or upset the view.
     row("child counts past the end", dspPacketV6({ unit(1, 5, "Cut"), unit(2, 0, "Short") }), MalformedDSP, kept);
-    PacketBuilder hugeCount(1, 0, 5);
-    hugeCount.f32(0.5f).u8(0).u64(7).u64(0).fixedString("Huge", 32).u32(0x7FFFFFFF).u8(1).u8(0).u16(0).u16(1)
-        .u8(0).zeros(128).u64(0);
-    row("32-bit child count 2^31 - 1", hugeCount.finish(), MalformedDSP, kept);
+    row("32-bit child count 2^31 - 1", PacketBuilder(1, 0, 5).f32(0.5f).u8(0).u64(7).u64(0)
+        .fixedString("Huge", 32).u32(0x7FFFFFFF).u8(1).u8(0).u16(0).u16(1).u8(0).zeros(128).u64(0).finish(),
+        MalformedDSP, kept);
     row("level count 255", dspPacketV6({ unit(5, 0, "Loud", 255) }), QString(), { "Loud" });
     row("cyclic network", dspPacketV6({ unit(1, 1, "A"), unit(2, 1, "B"), unit(3, 1, "C"), unit(1, 0, "A") }),
         QString(), { "A", "B", "C" });
@@ -181,9 +180,8 @@ void TestHostileTarget::profilerSurvives()
     QVERIFY(connectTo(profiler, target));
 
     target.send(ShownNetwork + cpuPacket(1.0f));
-    QVERIFY(QTest::qWaitFor(
-        [&] { return profiler.graph->nodeList.size() == 3 && profiler.cpuHistory.getHistoryList()->size() == 1; },
-        5000));
+    const QList<CPUUsageSnapshot>* history = profiler.cpuHistory.getHistoryList();
+    QVERIFY(QTest::qWaitFor([&] { return profiler.graph->nodeList.size() == 3 && history->size() == 1; }, 5000));
 
     QStringList statuses;
     QObject recording; // disconnects before `statuses` goes
@@ -236,7 +234,6 @@ void TestHostileTarget::profilerSurvives()
     QCOMPARE(profiler.unitNames(), (QStringList { "Master", "Reverb", "Lowpass", "Channel 1" }));
     QCOMPARE(profiler.dspTree.nodesById.value(13)->depth, 1);
     // The CPU history kept its snapshot, or was filled by the flood.
-    const QList<CPUUsageSnapshot>* history = profiler.cpuHistory.getHistoryList();
     QVERIFY(QTest::qWaitFor([&] { return history->last().dsp == 7.0f; }, 5000));
     QCOMPARE(history->size(), bytes == cpuPacket(42.0f) ? 100 : 2);
 }
