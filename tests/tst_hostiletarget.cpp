@@ -56,11 +56,6 @@ qint64 residentKiB()
     return pages * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-int openFileDescriptors()
-{
-    return QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::NoDotAndDotDot | QDir::AllEntries).size();
-}
-
 // The receive chain with the DSP network view in a scroll area, as the main form shows it.
 struct Profiler : ProfilerChain
 {
@@ -242,7 +237,9 @@ void TestHostileTarget::connectCloseCyclesLeakNothing()
 {
     LoopbackTarget target;
     Profiler profiler;
-
+    const auto openFileDescriptors = [] {
+        return QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::NoDotAndDotDot | QDir::AllEntries).size();
+    };
     int descriptorsBefore = 0;
     qint64 memoryBefore = 0;
     for (int cycle = -1; cycle < 50; ++cycle) {

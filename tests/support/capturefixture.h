@@ -71,8 +71,7 @@ struct ReadResult
     bool truncated = false;
     QString errorString; // empty unless the reader met damage
 
-    bool hasError() const { return !errorString.isEmpty(); }
-    bool whole() const { return !hasError() && !truncated; }
+    bool whole() const { return errorString.isEmpty() && !truncated; }
     int recordsBefore(qint64 offset) const
     {
         return int(std::count_if(frameEnds.begin(), frameEnds.end(), [offset](qint64 end) { return end <= offset; }));
