@@ -113,6 +113,9 @@ struct DSPNetGraph::LayoutFrame
 void DSPNetGraph::slotProcessTree()
 {
     if (layoutIsCurrent()) {
+        // The same layout and the same selection paint the same picture.
+        if (laidSelection.id == selectedId && laidSelection.groupId == selectedGroupId)
+            return;
         findSelectedUnit();
     } else {
         if (canUpdateLayoutInPlace())
