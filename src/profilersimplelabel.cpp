@@ -1,8 +1,17 @@
 #include "profilersimplelabel.h"
 
+#include <QEvent>
 #include <QFontMetrics>
 #include <QPainter>
 #include <QPalette>
+
+namespace
+{
+
+// A bound on the sizes kept: values that wander widely measure afresh.
+const int MaxKeptSizes = 256;
+
+} // namespace
 
 ProfilerSimpleLabel::ProfilerSimpleLabel(QWidget* parent, Qt::WindowFlags flags)
     : QFrame(parent, flags)
@@ -32,15 +41,34 @@ void ProfilerSimpleLabel::setText(const QString& newText)
 // an ellipsis.
 void ProfilerSimpleLabel::updateSizeBounds()
 {
-    const QFontMetrics metrics(font());
-    const QSize textSize = metrics.size(0, text);
-    QSize smallest = textSize;
+    const QSize size = textSize();
+    QSize smallest = size;
     if (elideMode != Qt::ElideNone) {
         const QString firstWord = text.section(QLatin1Char(' '), 0, 0, QString::SectionSkipEmpty);
-        smallest.setWidth(qMin(textSize.width(), metrics.horizontalAdvance(firstWord + QChar(0x2026))));
+        const int shortest = QFontMetrics(font()).horizontalAdvance(firstWord + QChar(0x2026));
+        smallest.setWidth(qMin(size.width(), shortest));
     }
     setMinimumSize(smallest);
-    setMaximumSize(textSize);
+    setMaximumSize(size);
+}
+
+QSize ProfilerSimpleLabel::textSize() const
+{
+    const auto kept = textSizes.constFind(text);
+    if (kept != textSizes.constEnd())
+        return *kept;
+    if (textSizes.size() >= MaxKeptSizes)
+        textSizes.clear();
+    const QSize size = QFontMetrics(font()).size(0, text);
+    textSizes.insert(text, size);
+    return size;
+}
+
+void ProfilerSimpleLabel::changeEvent(QEvent* event)
+{
+    if (event->type() == QEvent::FontChange)
+        textSizes.clear();
+    QFrame::changeEvent(event);
 }
 
 QSize ProfilerSimpleLabel::sizeHint() const
@@ -94,9 +122,8 @@ void ProfilerSimpleLabel::paintEvent(QPaintEvent* event)
     QString shownText = text;
     // Only a label squeezed below its text's size elides: the eliding
     // measure rounds differently and would cut a text that fits exactly.
-    const QFontMetrics metrics(font());
-    if (elideMode != Qt::ElideNone && width() < metrics.size(0, text).width())
-        shownText = metrics.elidedText(text, elideMode, width());
+    if (elideMode != Qt::ElideNone && width() < textSize().width())
+        shownText = QFontMetrics(font()).elidedText(text, elideMode, width());
     painter.setPen(color);
     painter.drawText(rect(), int(alignment), shownText);
     painter.end();

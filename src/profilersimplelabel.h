@@ -3,8 +3,11 @@
 
 #include <QColor>
 #include <QFrame>
+#include <QHash>
+#include <QSize>
 #include <QString>
 
+class QEvent;
 class QPaintEvent;
 
 // A light label: one line of text in a chosen colour, sized exactly to the
@@ -28,14 +31,19 @@ public:
 
 protected:
     void paintEvent(QPaintEvent* event) override;
+    void changeEvent(QEvent* event) override;
 
 private:
     void updateSizeBounds();
+    QSize textSize() const;
 
     QString text;
     QColor color;
     Qt::Alignment alignment;
     Qt::TextElideMode elideMode;
+    // Sizes of texts shown before, in the current font: measuring a text
+    // shapes it, and a legend value mostly comes back to one it had.
+    mutable QHash<QString, QSize> textSizes;
 };
 
 #endif // PROFILERSIMPLELABEL_H
