@@ -20,21 +20,15 @@ bool LoopbackTarget::waitForClient(int timeoutMs)
 
 void LoopbackTarget::send(const QByteArray& bytes)
 {
-    if (!client)
-        return;
-    client->write(bytes);
-    client->flush();
+    sendWithoutFlush(bytes);
+    if (client)
+        client->flush();
 }
 
 void LoopbackTarget::sendWithoutFlush(const QByteArray& bytes)
 {
     if (client)
         client->write(bytes);
-}
-
-qint64 LoopbackTarget::pendingBytes() const
-{
-    return client ? client->bytesToWrite() : 0;
 }
 
 bool LoopbackTarget::waitForReceived(int count, int timeoutMs)

@@ -27,7 +27,7 @@ public:
     // Queues bytes without waiting for the OS; pendingBytes() tells how many
     // are still queued, so a test can stream at full speed without hoarding.
     void sendWithoutFlush(const QByteArray& bytes);
-    qint64 pendingBytes() const;
+    qint64 pendingBytes() const { return client ? client->bytesToWrite() : 0; }
     // Waits until at least `count` bytes arrived from the profiler.
     bool waitForReceived(int count, int timeoutMs = 5000);
     QByteArray received() const { return receivedBytes; }
@@ -36,7 +36,6 @@ public:
     // Orderly close (the profiler sees the remote close) and a hard reset.
     void closeClient();
     void resetClient();
-    void stopListening() { server.close(); }
 
 private:
     void onNewConnection();

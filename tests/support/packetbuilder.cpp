@@ -3,8 +3,6 @@
 #include <QFile>
 #include <QtEndian>
 
-#include <cstring>
-
 PacketBuilder::PacketBuilder(quint8 type, quint8 subtype, quint8 version)
 {
     bytes = QByteArray(12, '\0');
@@ -13,39 +11,10 @@ PacketBuilder::PacketBuilder(quint8 type, quint8 subtype, quint8 version)
     bytes[10] = static_cast<char>(version);
 }
 
-PacketBuilder& PacketBuilder::f32BigEndian(float value)
-{
-    quint32 bits;
-    std::memcpy(&bits, &value, 4);
-    char be[4];
-    qToBigEndian(bits, be);
-    bytes.append(be, 4);
-    return *this;
-}
-
-PacketBuilder& PacketBuilder::fixedString(const QByteArray& utf8, int width)
-{
-    QByteArray field = utf8.left(width);
-    field.append(QByteArray(width - field.size(), '\0'));
-    bytes.append(field);
-    return *this;
-}
-
 PacketBuilder& PacketBuilder::raw(const QByteArray& data)
 {
     bytes.append(data);
     return *this;
-}
-
-PacketBuilder& PacketBuilder::zeros(int count)
-{
-    bytes.append(QByteArray(count, '\0'));
-    return *this;
-}
-
-QByteArray PacketBuilder::finish() const
-{
-    return finishWithSize(static_cast<quint32>(bytes.size()));
 }
 
 QByteArray PacketBuilder::finishWithSize(quint32 size) const

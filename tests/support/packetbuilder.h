@@ -7,7 +7,7 @@
 #include <QtEndian>
 
 // Builds packets for tests: a 12-byte header followed by little-endian
-// fields. finish() writes the real size into the header; sizeOverride()
+// fields. finish() writes the real size into the header; finishWithSize()
 // lets a test lie about it.
 class PacketBuilder
 {
@@ -21,15 +21,19 @@ public:
     PacketBuilder& i32(qint32 value) { return field(value); }
     PacketBuilder& u64(quint64 value) { return field(value); }
     PacketBuilder& f32(float value) { return field(value); }
-    PacketBuilder& f32BigEndian(float value);
+    // Swapped here, the little-endian write lays the bytes out big-endian.
+    PacketBuilder& f32BigEndian(float value) { return field(qbswap(value)); }
     // A NUL-padded string in a field of exactly `width` bytes (cut if longer).
-    PacketBuilder& fixedString(const QByteArray& utf8, int width);
+    PacketBuilder& fixedString(const QByteArray& utf8, int width)
+    {
+        return raw(utf8.leftJustified(width, '\0', true));
+    }
     PacketBuilder& raw(const QByteArray& bytes);
-    PacketBuilder& zeros(int count);
+    PacketBuilder& zeros(int count) { return raw(QByteArray(count, '\0')); }
 
     int size() const { return bytes.size(); }
     // The packet with its size field set to its real length.
-    QByteArray finish() const;
+    QByteArray finish() const { return finishWithSize(quint32(bytes.size())); }
     // The packet with an arbitrary size field.
     QByteArray finishWithSize(quint32 size) const;
 
