@@ -132,17 +132,14 @@ void TestCustomWidgets::buttonPicksImageForState()
     button.setChecked(checked);
     button.setDown(down);
     button.setResourceMap(resourceMap);
-    const auto send = [&button](QEvent::Type type) {
-        QEvent event(type);
-        QCoreApplication::sendEvent(&button, &event);
-    };
+    QEvent enter(QEvent::Enter), leave(QEvent::Leave);
     if (hovered)
-        send(QEvent::Enter);
+        QCoreApplication::sendEvent(&button, &enter);
     QCOMPARE(centreColour(button), stateColours.at(shownKey));
 
     // Leaving takes the hover image away again.
     if (hovered && !down && !checked) {
-        send(QEvent::Leave);
+        QCoreApplication::sendEvent(&button, &leave);
         QCOMPARE(centreColour(button), stateColours.at(0));
     }
 }

@@ -48,8 +48,7 @@ void TestFlowLayout::randomRowsKeepOrderAndBounds()
         auto* plain = new QHBoxLayout;
         plain->setContentsMargins(layout->contentsMargins());
         plain->setSpacing(6);
-        QList<Block*> blocks;
-        QList<Block*> plainBlocks;
+        QList<Block*> blocks, plainBlocks;
         const int count = 1 + random.bounded(9);
         const int stretchAt = random.bounded(count + 2);
         for (int i = 0; i < count; ++i) {

@@ -76,8 +76,7 @@ void TestProfilerNetwork::dataRequestsAndUserDisconnect()
     link.network.disconnectFromHost();
     QCOMPARE(statuses(link.status),
              (QStringList{ "Attempting to connect...", "Attempting to connect...", "Connected.", "Disconnected." }));
-    QVERIFY(!link.network.isConnected());
-    QVERIFY(!link.network.isConnecting());
+    QVERIFY(!link.network.isConnected() && !link.network.isConnecting());
 }
 
 // Bigger than one pass of the receive loop, sent in uneven pieces with a
@@ -135,8 +134,7 @@ void TestProfilerNetwork::brokenSizeIsASocketError()
     link.target.send(cpuPacket(1.0f) + PacketBuilder(3, 0, 1).zeros(16).finishWithSize(size));
     QVERIFY(link.status.wait(5000));
     QCOMPARE(statuses(link.status), QStringList{ QStringLiteral("A socket error has occurred... Disconnected.") });
-    QVERIFY(!link.network.isConnected());
-    QVERIFY(!link.network.isConnecting());
+    QVERIFY(!link.network.isConnected() && !link.network.isConnecting());
     QCOMPARE(link.network.getNumWaitingPackets(3, 0), 1);
     QCOMPARE(link.ready.count(), 0);
 }
@@ -164,8 +162,7 @@ void TestProfilerNetwork::closedOrSilentTargetReconnects()
     QVERIFY(QTest::qWaitFor([&] { return link.status.count() == 3; }, 5000));
     QVERIFY2(clock.elapsed() >= 2900, qPrintable(QString::number(clock.elapsed())));
     QCOMPARE(link.status.last().at(0).toString(), TargetClosed);
-    QVERIFY(!link.network.isConnected());
-    QVERIFY(link.network.isConnecting());
+    QVERIFY(!link.network.isConnected() && link.network.isConnecting());
     // A replay started now ends the retrying.
     link.network.startReplay(QStringLiteral("Replaying"));
     QVERIFY(!link.network.isConnecting());
