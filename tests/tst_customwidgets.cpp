@@ -48,6 +48,7 @@ private:
 void TestCustomWidgets::label()
 {
     ProfilerSimpleLabel label;
+    label.setText("Other text"); // measured in the small font, before the big one
     label.setText("MMMM");
     label.setColor(QColor(Qt::red));
     QVERIFY(containsColour(label.grab().toImage(), Qt::red));
