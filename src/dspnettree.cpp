@@ -495,7 +495,8 @@ void DSPTree::takeRecord(DSPNode* node, const char* record, int childCount)
 
     const int size = recordSize(dspVersion);
     // shapePacket is still the last network's packet while the walk runs.
-    const bool nameKnown = previousNamesKnown && previous >= 0 && shapeFirstRecord + qint64(previous + 1) * size <= shapePacket.size()
+    const bool nameKnown = previousNamesKnown && previous >= 0
+                           && shapeFirstRecord + qint64(previous + 1) * size <= shapePacket.size()
                            && sameRecordName(record, shapePacket.constData() + shapeFirstRecord + previous * size,
                                              dspVersion);
     if (!nameKnown)
