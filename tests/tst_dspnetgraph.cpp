@@ -383,6 +383,32 @@ private slots:
         QCOMPARE(image.pixel(at), expected);
     }
 
+    // A unit's name is white with a shadow one pixel below it: the darkened pixels reach one row lower than
+    // the letters, and no further left or right, give or take the antialiased edges of the glyphs.
+    void nameShadow()
+    {
+        Model model;
+        model.unit(1, 0)->name = QStringLiteral("Mixer");
+        DSPNetGraph& graph = model.layout(model.tree.nodesById.value(1));
+        QImage image(graph.size(), QImage::Format_ARGB32);
+        image.fill(Qt::transparent);
+        QPainter painter(&image);
+        graph.renderTree(&painter, false);
+        QRect letters, shadow;
+        for (int y = 15; y < 50; ++y) {
+            for (int x = 15; x < 125; ++x) {
+                const QRgb pixel = image.pixel(x, y);
+                letters |= qRed(pixel) > 200 ? QRect(x, y, 1, 1) : QRect();
+                shadow |= qBlue(pixel) < 200 ? QRect(x, y, 1, 1) : QRect();
+            }
+        }
+        QVERIFY(!letters.isEmpty() && !shadow.isEmpty());
+        QCOMPARE(shadow.bottom(), letters.bottom() + 1);
+        QVERIFY2(qAbs(shadow.left() - letters.left()) <= 2 && qAbs(shadow.right() - letters.right()) <= 2,
+                 qPrintable(QStringLiteral("letters %1..%2, shadow %3..%4").arg(letters.left()).arg(letters.right())
+                                .arg(shadow.left()).arg(shadow.right())));
+    }
+
     void mouseGestures_data()
     {
         QTest::addColumn<float>("scale");
