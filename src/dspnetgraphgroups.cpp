@@ -1,10 +1,25 @@
 #include "dspnetgraph.h"
 
 #include "dspnetgraphgeometry.h"
+#include "prefetch.h"
 
 #include <set>
 
 using namespace DSPNetGraphGeometry;
+
+namespace
+{
+
+// The bounding box of both. Boxes here are never empty, so the general
+// union's care for null and negative rectangles (and its call) is not
+// needed; with whole-pixel edges the result is the same to the bit.
+QRectF enclose(const QRectF& box, const QRectF& other)
+{
+    return QRectF(QPointF(qMin(box.left(), other.left()), qMin(box.top(), other.top())),
+                  QPointF(qMax(box.right(), other.right()), qMax(box.bottom(), other.bottom())));
+}
+
+} // namespace
 
 // Group boxes: one around the units of each group, found while the units
 // are placed, then named from the model's groups, and boxes around the
@@ -23,7 +38,7 @@ void DSPNetGraph::addToGroupBox(unsigned long long groupId, const QRect& extent)
     int index;
     if (groupIndexById.find(groupId, &index)) {
         DSPGroupGraphicalNode& group = groupList[index];
-        group.rect = group.rect.united(QRectF(extent));
+        group.rect = enclose(group.rect, QRectF(extent));
         return;
     }
     DSPGroupGraphicalNode group;
@@ -58,6 +73,7 @@ void DSPNetGraph::nameGroupBoxes(const GroupNode* const* groups, int count, QVec
     if (!groupIndexCurrent)
         indexGroupBoxes();
     for (int i = 0; i < count; ++i) {
+        prefetchGroupBoxCell(groups, count, i + Prefetch::Distance);
         const GroupNode* group = groups[i];
         if (!group) {
             (*done)[i] = true;
@@ -70,6 +86,17 @@ void DSPNetGraph::nameGroupBoxes(const GroupNode* const* groups, int count, QVec
         groupList[index].parentId = group->parentId;
         (*done)[i] = true;
     }
+}
+
+// With thousands of groups their records and the index's cells lie out of
+// the cache: the group some steps on is asked for, and of the one half as
+// far, which has arrived, the cell its box is looked up in.
+void DSPNetGraph::prefetchGroupBoxCell(const GroupNode* const* groups, int count, int i) const
+{
+    if (i + Prefetch::Distance < count)
+        Prefetch::object(groups[i + Prefetch::Distance]);
+    if (i < count && groups[i])
+        groupIndexById.prefetch(groups[i]->id);
 }
 
 // A group without units of its own gets a box around the boxes of its
@@ -95,7 +122,7 @@ void DSPNetGraph::addParentGroupBoxes(const GroupNode* const* groups, int count,
             return true;
         }
         ChildBoxes& found = childBoxes[index];
-        found.rect = found.rect.united(grown);
+        found.rect = enclose(found.rect, grown);
         found.level = qMax(found.level, box.level);
         return false;
     };
@@ -106,8 +133,13 @@ void DSPNetGraph::addParentGroupBoxes(const GroupNode* const* groups, int count,
         *children = childBoxes.at(index);
         return true;
     };
-    for (const DSPGroupGraphicalNode& box : qAsConst(groupList))
-        addChild(box);
+    const int boxes = groupList.size();
+    for (int i = 0; i < boxes; ++i) {
+        // The sums are looked up by parent in no particular order.
+        if (i + Prefetch::Distance < boxes)
+            childBoxIndex.prefetch(groupList.at(i + Prefetch::Distance).parentId);
+        addChild(groupList.at(i));
+    }
 
     QHash<unsigned long long, QVector<int>> waitingById;
     std::set<int> thisPass;
