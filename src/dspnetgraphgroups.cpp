@@ -88,15 +88,18 @@ void DSPNetGraph::nameGroupBoxes(const GroupNode* const* groups, int count, QVec
     }
 }
 
-// With thousands of groups their records and the index's cells lie out of
-// the cache: the group some steps on is asked for, and of the one half as
-// far, which has arrived, the cell its box is looked up in.
+// With thousands of groups their records, names and the index's cells lie
+// out of the cache: the group some steps on is asked for, and of the one
+// half as far, which has arrived, its name (copying it writes its count)
+// and the cell its box is looked up in.
 void DSPNetGraph::prefetchGroupBoxCell(const GroupNode* const* groups, int count, int i) const
 {
     if (i + Prefetch::Distance < count)
         Prefetch::object(groups[i + Prefetch::Distance]);
-    if (i < count && groups[i])
+    if (i < count && groups[i]) {
+        Prefetch::block(groups[i]->name);
         groupIndexById.prefetch(groups[i]->id);
+    }
 }
 
 // A group without units of its own gets a box around the boxes of its
