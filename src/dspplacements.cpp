@@ -33,34 +33,35 @@ void DSPPlacementTable::startPass(int units)
     if (keys.size() > 2 * size_t(units) + SpareRows)
         forgetRows();
     if (++pass == 0) {
-        std::fill(passOfRow.begin(), passOfRow.end(), 0);
+        for (Row& row : rows)
+            row.pass = 0;
         pass = 1;
     }
 }
 
 bool DSPPlacementTable::find(const DSPNode* node, QPoint* position)
 {
-    const int row = rowOf(node);
-    if (passOfRow[row] != pass)
+    const Row& row = rows[rowOf(node)];
+    if (row.pass != pass)
         return false;
-    *position = positions[row];
+    *position = row.position;
     return true;
 }
 
 void DSPPlacementTable::insert(const DSPNode* node, QPoint position)
 {
-    const int row = rowOf(node);
-    passOfRow[row] = pass;
-    positions[row] = position;
+    Row& row = rows[rowOf(node)];
+    row.pass = pass;
+    row.position = position;
 }
 
 int DSPPlacementTable::place(const DSPNode* node, QPoint position, int entry)
 {
-    const int row = rowOf(node);
-    passOfRow[row] = pass;
-    positions[row] = position;
-    const int before = entries[row];
-    entries[row] = entry;
+    Row& row = rows[rowOf(node)];
+    row.pass = pass;
+    row.position = position;
+    const int before = row.entry;
+    row.entry = entry;
     return before;
 }
 
@@ -68,8 +69,8 @@ QHash<int, QPoint> DSPPlacementTable::toHash() const
 {
     QHash<int, QPoint> table;
     for (size_t row = 0; row < keys.size(); ++row) {
-        if (passOfRow[row] == pass)
-            table.insert(keys[row], positions[row]);
+        if (rows[row].pass == pass)
+            table.insert(keys[row], rows[row].position);
     }
     return table;
 }
@@ -92,9 +93,7 @@ int DSPPlacementTable::addRow(int key)
     const int row = int(keys.size());
     rowByKey.insert(key, row);
     keys.push_back(key);
-    passOfRow.push_back(0);
-    positions.push_back(QPoint());
-    entries.push_back(-1);
+    rows.push_back(Row());
     return row;
 }
 
@@ -103,7 +102,5 @@ void DSPPlacementTable::forgetRows()
     generation = newGeneration();
     rowByKey.clear();
     keys.clear();
-    passOfRow.clear();
-    positions.clear();
-    entries.clear();
+    rows.clear();
 }

@@ -30,7 +30,7 @@ public:
     // units; returns where the entry of its key lay before, or -1.
     int place(const DSPNode* node, QPoint position, int entry);
     // The entry last noted for the unit's key, or -1.
-    int entryOf(const DSPNode* node) { return entries[rowOf(node)]; }
+    int entryOf(const DSPNode* node) { return rows[rowOf(node)].entry; }
     int rowCount() const { return int(keys.size()); }
 
     static int keyOf(unsigned long long id) { return static_cast<int>(static_cast<quint32>(id)); }
@@ -45,9 +45,14 @@ private:
     quint32 generation = 0;
     QHash<int, int> rowByKey;
     std::vector<int> keys;
-    std::vector<quint32> passOfRow;
-    std::vector<QPoint> positions;
-    std::vector<int> entries;
+    // What a question reads and a placement writes lies in one cache line.
+    struct Row
+    {
+        quint32 pass = 0;
+        int entry = -1;
+        QPoint position;
+    };
+    std::vector<Row> rows;
     quint32 pass = 1;
 };
 
