@@ -1,6 +1,5 @@
-// Capture files: the writer; the reader, which treats the file as hostile; a replay through the
-// link's own framing at the recorded pace; a failed recording leaves the live view alone.
-// tst_capturetool records a live link.
+// Capture files: the writer; the reader, which treats the file as hostile; a replay through the link's own
+// framing at the recorded pace; a failed recording leaves the live view alone (tst_capturetool records a link).
 #include "capturefixture.h"
 #include "capturereplay.h"
 #include "packetencoder.h"

@@ -12,21 +12,6 @@
 namespace
 {
 
-QByteArray cpuPacket(float dsp, quint8 version = 1)
-{
-    PacketBuilder packet(TARN::PacketTypeCPU, 0, version);
-    packet.f32(dsp).f32(0.1f).f32(2.5f);
-    return (version == 0 ? packet : packet.f32(1.0f / 3)).finish();
-}
-
-QByteArray intsPacket(quint8 type, int count, int first)
-{
-    PacketBuilder packet(type, 0, 0);
-    for (int i = 0; i < count; ++i)
-        packet.i32(first + i);
-    return packet.finish();
-}
-
 // Cut short with a size that says so, as a target with a shorter layout sends it.
 QByteArray statsPacket(float dsp, int fields = 60)
 {
@@ -34,7 +19,7 @@ QByteArray statsPacket(float dsp, int fields = 60)
     packet.f32(dsp).f32(0.5f).f32(0.25f).f32(0.125f);
     for (int i = 0; i < 18; ++i)
         packet.i16(qint16(i * 3));
-    return packet.i32(123456789).i32(200000000).finishWithSize(quint32(12 + fields)).left(12 + fields);
+    return cutPacket(packet.i32(123456789).i32(200000000).finish(), 12 + fields);
 }
 
 // Runs the built tool under a German locale while this test's event loop serves the target; the
@@ -59,10 +44,9 @@ int runTool(const QStringList& arguments, QString* err = nullptr, int interruptA
     return process.exitCode();
 }
 
-// Figures in every table, split packets and ones the collectors drop (too short, a CPU version
-// they do not read); DSP networks at uneven gaps, a new one at 2 s; then a packet a disconnection
-// cuts in half, not glued to the next connection's, and a size that breaks that connection's
-// stream. Costs are exact in binary, so they print exactly.
+// Figures in every table, split packets and ones the collectors drop (too short, a CPU version they do not
+// read); DSP networks at uneven gaps, a new one at 2 s; then a packet a disconnection cuts in half, not glued
+// to the next connection's, and a size that breaks that stream. Costs are exact in binary: they print exactly.
 Records exportRecords()
 {
     const QByteArray splitStats = statsPacket(4.75f);
@@ -255,9 +239,8 @@ void TestCaptureTool::exports_data()
         head + "    5 [label=\"Solo\\n12.50 %\"];\n}\n");
 }
 
-// Under a German locale (runTool), every figure in the C notation as the collectors give it,
-// at the time of the packet's last bytes; the DSP units at most as often as asked; the graph as
-// of a time.
+// Under a German locale (runTool), every figure in the C notation as the collectors give it, at the time of
+// the packet's last bytes; the DSP units at most as often as asked; the graph as of a time.
 void TestCaptureTool::exports()
 {
     QFETCH(QStringList, options);

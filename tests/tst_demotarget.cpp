@@ -1,6 +1,5 @@
-// The simulated target as a user of the demo meets it. Its DSP packets are
-// read back with the profiler's own decoder, which is held to the test
-// vectors in tst_dspnettree; the figure packets are compared byte for byte.
+// The simulated target as the demo's user meets it. Its DSP packets are read back with the profiler's own
+// decoder (held to the test vectors in tst_dspnettree); the figure packets are compared byte for byte.
 #include "capturefixture.h"
 #include "dspnettree.h"
 #include "packetencoder.h"
@@ -46,13 +45,10 @@ void TestDemoTarget::dspPackets_data()
     QTest::newRow("100000 units, every channel") << 6 << 100000 << true << 11;
 }
 
-// Every decoded unit is compared with the simulated one, starting at the
-// head, so the decoded units are exactly those the head reaches. A large
-// game still reads as a mix: no unit takes more than 64 inputs (the master
-// of 100000 units once took 7000), the DSP load fits one mix block (it once
-// read 42000 %), channel groups grow with the network, and every input sits
-// one column right of its consumers, in the columns the profiler works out
-// itself, so there is no loop.
+// Every decoded unit is compared with the simulated one from the head on, so the decoded units are exactly
+// those the head reaches. A large game still reads as a mix: no unit takes more than 64 inputs (the master of
+// 100000 units once took 7000), the DSP load fits one mix block (it once read 42000 %), channel groups grow
+// with the network, and every input sits one column right of its consumers (by the profiler's depths): no loop.
 void TestDemoTarget::dspPackets()
 {
     QFETCH(int, version);
@@ -130,11 +126,9 @@ void TestDemoTarget::dspPackets()
     QCOMPARE(packet.size(), 12 + prologueSizes[version] + records * recordSizes[version]);
 }
 
-// The default game is the one the README pictures and the other tests
-// read; its packets over 50 steps were hashed before large networks got
-// their submixes and cost budget, which must leave it alone. Another seed
-// gives another game; and the game keeps changing: channels start and stop,
-// levels and figures move, all within their capacities.
+// The default game is the one the README pictures and the other tests read: its packets over 50 steps, hashed
+// before large networks got submixes and a cost budget, must not change. Another seed gives another game, and
+// the game keeps changing: channels start and stop, levels and figures move, all within their capacities.
 void TestDemoTarget::defaultGameUnchanged()
 {
     SimEngine engine(1, 60);
@@ -179,17 +173,15 @@ void TestDemoTarget::defaultGameUnchanged()
     QVERIFY(virtualCounts.size() > 5);
 }
 
-// The game takes the profiler's commands: a unit switched off and bypassed
-// says so in the next snapshots, and text commands are reported. It drops a
-// client whose framing makes no sense and keeps serving the others; a
+// The game takes the profiler's commands: a unit switched off and bypassed says so in the next snapshots, and
+// text commands are reported. It drops a client whose framing makes no sense and keeps serving the others; a
 // period of 0 stops a stream.
 void TestDemoTarget::commandsAndClients()
 {
     TargetServer server { TargetSettings() };
     QSignalSpy commands(&server, &TargetServer::commandStringReceived);
     QVERIFY(server.listen(QHostAddress::LocalHost, 0));
-    // Raw sockets to the target; the profiler's link frames what comes back
-    // and queues it by type.
+    // Raw sockets to the target; the profiler's link frames what comes back and queues it by type.
     ProfilerNetwork frames;
     DSPTree tree(&frames);
     QTcpSocket client, broken;

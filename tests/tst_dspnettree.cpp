@@ -4,7 +4,6 @@
 #include <QElapsedTimer>
 
 #include <limits>
-#include <memory>
 #include <numeric>
 
 namespace
@@ -53,17 +52,7 @@ class TestDSPNetTree : public QObject
 {
     Q_OBJECT
 
-    std::unique_ptr<LiveTree> live;
-
 private slots:
-    void init()
-    {
-        live.reset(new LiveTree);
-        QVERIFY(live->connected);
-    }
-
-    void cleanup() { live.reset(); }
-
     void decodes_data()
     {
         // Decoded first; an empty packet stands for every depth set to 7 by hand, "+" for a unit 99 added
@@ -215,37 +204,39 @@ private slots:
 
     void decodes()
     {
+        LiveTree live;
+        QVERIFY(live.connected);
         QFETCH(QByteArrayList, before);
         QFETCH(QByteArray, packet);
         QFETCH(Fields, fields);
         for (const QByteArray& earlier : qAsConst(before)) {
-            for (DSPNode* node : qAsConst(live->tree.nodesById))
+            for (DSPNode* node : qAsConst(live.tree.nodesById))
                 node->depth = earlier.isEmpty() ? 7 : node->depth;
             if (earlier == "+")
-                (*live->tree.nodesById.insert(99, new DSPNode))->id = 99;
-            QVERIFY(earlier.isEmpty() || earlier == "+" || live->feed(earlier));
+                (*live.tree.nodesById.insert(99, new DSPNode))->id = 99;
+            QVERIFY(earlier.isEmpty() || earlier == "+" || live.feed(earlier));
         }
-        const Fields old = unitFields(live->tree);
-        const int updatesBefore = live->updated.count();
-        const quint64 valueSerial = live->tree.getValueSerial();
-        live->status.clear();
-        QVERIFY(live->feed(packet));
+        const Fields old = unitFields(live.tree);
+        const int updatesBefore = live.updated.count();
+        const quint64 valueSerial = live.tree.getValueSerial();
+        live.status.clear();
+        QVERIFY(live.feed(packet));
 
-        const Fields after = unitFields(live->tree);
+        const Fields after = unitFields(live.tree);
         Fields decoded = after;
         QStringList statuses;
-        for (const QList<QVariant>& signal : qAsConst(live->status))
+        for (const QList<QVariant>& signal : qAsConst(live.status))
             statuses << signal.first().toString();
         decoded.insert({ { "status", statuses.join('\n') },
-                         { "updates", QString::number(live->updated.count() - updatesBefore) },
-                         { "inPlace", QString::number(live->tree.getValueSerial() != valueSerial) } });
+                         { "updates", QString::number(live.updated.count() - updatesBefore) },
+                         { "inPlace", QString::number(live.tree.getValueSerial() != valueSerial) } });
         fields.insert("updates", fields.value("updates", "1"));
         for (auto field = fields.cbegin(); field != fields.cend(); ++field)
             QVERIFY2(decoded.value(field.key()) == field.value(),
                      qPrintable(field.key() + " is " + decoded.value(field.key(), "missing")));
-        for (const DSPNode* node : qAsConst(live->tree.nodesById)) {
+        for (const DSPNode* node : qAsConst(live.tree.nodesById)) {
             for (const DSPNode::InputRecord& input : node->inputs)
-                QCOMPARE(input.node, live->tree.nodesById.value(input.node->id)); // linked, not copied
+                QCOMPARE(input.node, live.tree.nodesById.value(input.node->id)); // linked, not copied
         }
         if (fields.value("updates") != "0")
             return;
@@ -253,8 +244,8 @@ private slots:
         kept.insert({ { "cpuUsage", bitsOf(0.0f) }, { "timingRate", "0" }, { "timingLength", "0" } });
         QVERIFY(after == kept);
         // The link stays in step: the next good packet is decoded.
-        QVERIFY(live->feed(dspPacketV6({ { 7, 0 } })));
-        QCOMPARE(live->tree.root.inputs.first().node->id, 7ull);
+        QVERIFY(live.feed(dspPacketV6({ { 7, 0 } })));
+        QCOMPARE(live.tree.root.inputs.first().node->id, 7ull);
     }
 
     void largeNetworks_data()
@@ -272,6 +263,8 @@ private slots:
     // A quadratic walk takes minutes on these, and a recursive one exhausts the stack.
     void largeNetworks()
     {
+        LiveTree live;
+        QVERIFY(live.connected);
         QFETCH(QByteArray, packet);
         QFETCH(QVector<int>, depths);
 #if defined(__SANITIZE_ADDRESS__)
@@ -281,16 +274,16 @@ private slots:
 #endif
         QElapsedTimer timer;
         timer.start();
-        QVERIFY(live->feed(packet));
+        QVERIFY(live.feed(packet));
         QVERIFY(timer.restart() < limit);
         QVector<int> decoded;
         for (int id = 1; id <= depths.size(); ++id)
-            decoded.append(live->tree.nodesById.value(id)->depth);
-        QCOMPARE(live->tree.nodesById.size(), depths.size());
+            decoded.append(live.tree.nodesById.value(id)->depth);
+        QCOMPARE(live.tree.nodesById.size(), depths.size());
         QCOMPARE(decoded, depths);
 
         // Every unit is placed once, in the column of its depth.
-        DSPNetGraph graph(&live->tree);
+        DSPNetGraph graph(&live.tree);
         graph.slotProcessTree();
         QVERIFY(timer.elapsed() < limit);
         QCOMPARE(graph.nodeList.size(), depths.size());
@@ -300,6 +293,8 @@ private slots:
 
     void commandBytes()
     {
+        LiveTree live;
+        QVERIFY(live.connected);
         const auto command = [](const char* header, const QByteArray& text) {
             return (QByteArray::fromHex(header) + text).leftJustified(140, '\0');
         };
@@ -316,15 +311,15 @@ private slots:
         };
         for (const auto& step : steps) {
             for (const QByteArray& packet : step.first)
-                QVERIFY(live->feed(packet));
-            live->target.clearReceived();
-            live->tree.sendDSPCommandEnable(0x0102030405060708ull, true);
-            live->tree.sendDSPCommandBypass(0x0102030405060708ull, false);
-            live->tree.sendDSPCommandString(QStringLiteral("Show \u00e9"));
-            live->tree.sendDSPCommandString(QString(200, 'x'));
-            live->tree.sendGroupCommandString(QStringLiteral("Show groups"));
-            QVERIFY(live->target.waitForReceived(step.second.size()));
-            QCOMPARE(live->target.received().toHex(), step.second.toHex());
+                QVERIFY(live.feed(packet));
+            live.target.clearReceived();
+            live.tree.sendDSPCommandEnable(0x0102030405060708ull, true);
+            live.tree.sendDSPCommandBypass(0x0102030405060708ull, false);
+            live.tree.sendDSPCommandString(QStringLiteral("Show \u00e9"));
+            live.tree.sendDSPCommandString(QString(200, 'x'));
+            live.tree.sendGroupCommandString(QStringLiteral("Show groups"));
+            QVERIFY(live.target.waitForReceived(step.second.size()));
+            QCOMPARE(live.target.received().toHex(), step.second.toHex());
         }
     }
 };

@@ -84,8 +84,7 @@ void TestFlowLayout::randomRowsKeepOrderAndBounds()
                     continue;
                 const QRect previous = blocks.at(i - 1)->geometry();
                 QVERIFY(!box.intersects(previous));
-                // Reading order is insertion order: right of the previous
-                // block, or on a row wholly below it.
+                // Reading order is insertion order: right of the previous block, or on a row wholly below it.
                 const bool sameRow = box.left() >= previous.right() && box.top() < previous.bottom();
                 // At least the spacing apart, across and down.
                 QVERIFY(sameRow ? box.left() - previous.right() > 6 : box.top() - previous.bottom() > 6);

@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <memory>
 
 namespace
@@ -22,6 +21,7 @@ namespace
 
 enum Kind { Cpu, Channels, Codecs, Stats, KindCount };
 const quint8 KindType[KindCount] = { 3, 4, 5, 9 };
+const char* const KindName[KindCount] = { "cpu", "channels", "codecs", "stats" };
 
 const QString OldVersion = QStringLiteral("Connected. (Old version detected, reduced functionality)");
 const QString Incompatible = QStringLiteral("Connected. (Incompatible version detected, reduced functionality)");
@@ -32,32 +32,8 @@ using Batches = QList<QByteArray>;
 // Floats compare as their bits, written as in the test vectors.
 QJsonObject json(float value)
 {
-    quint32 raw;
-    std::memcpy(&raw, &value, sizeof raw);
-    return { { "value", double(value) }, { "bits", QStringLiteral("0x%1").arg(raw, 8, 16, QLatin1Char('0')) } };
-}
-
-QByteArray cpuPacket(float dsp, quint8 version = 1)
-{
-    PacketBuilder packet(KindType[Cpu], 0, version);
-    packet.f32(dsp).f32(2).f32(3);
-    return (version != 0 ? packet.f32(4) : packet).finish();
-}
-
-QByteArray intsPacket(Kind kind, const QList<int>& values, quint8 version = 0)
-{
-    PacketBuilder packet(KindType[kind], 0, version);
-    for (int value : values)
-        packet.i32(value);
-    return packet.finish();
-}
-
-// The first `size` bytes of a packet, with the size field saying so.
-QByteArray cut(const QByteArray& packet, int size)
-{
-    QByteArray part = packet.left(size);
-    qToLittleEndian(quint32(size), part.data());
-    return part;
+    const QString bits = QStringLiteral("0x%1").arg(qFromUnaligned<quint32>(&value), 8, 16, QLatin1Char('0'));
+    return { { "value", double(value) }, { "bits", bits } };
 }
 
 // The first argument of every emission.
@@ -268,11 +244,10 @@ void TestHistories::figures_data()
 {
     QTest::addColumn<int>("kind");
     QTest::addColumn<int>("version");
-    QTest::newRow("cpu-v0") << int(Cpu) << 0;
-    QTest::newRow("cpu-v1") << int(Cpu) << 1;
-    QTest::newRow("channels-v0") << int(Channels) << 0;
-    QTest::newRow("codecs-v0") << int(Codecs) << 0;
-    QTest::newRow("stats-v0") << int(Stats) << 0;
+    for (int kind = Cpu; kind < KindCount; ++kind) {
+        for (int version = 0; version <= (kind == Cpu ? 1 : 0); ++version)
+            QTest::addRow("%s-v%d", KindName[kind], version) << kind << version;
+    }
 }
 
 // Every derived figure (CPU total, channel sums, codec maximum, statistics sums and bounds)
@@ -320,8 +295,8 @@ void TestHistories::delivery_data()
         packets += cpuPacket(float(i));
     const int size = cpuPacket(0).size();
     const QVariantList none, one{ 1 };
-    const QByteArray cpu = cpuPacket(1), channels = intsPacket(Channels, { 1, 2, 3, 4, 5, 6 });
-    const QByteArray codecs = intsPacket(Codecs, { 1, 2, 3, 4, 5, 6, 7, 8 });
+    const QByteArray cpu = cpuPacket(1), channels = intsPacket(KindType[Channels], 6);
+    const QByteArray codecs = intsPacket(KindType[Codecs], 8);
     const QByteArray stats = PacketBuilder(KindType[Stats], 0, 0).zeros(60).finish();
     auto row = [](const char* name, const Batches& batches, Kind kind, const QVariantList& updates,
                   const QVariantList& status) {
@@ -331,15 +306,15 @@ void TestHistories::delivery_data()
     row("101st pushes the first out", { packets.left(100 * size), cpuPacket(100) }, Cpu, { 100, 1 }, none);
     row("only incompatible", { cpuPacket(0, 2) + cpuPacket(1, 255) }, Cpu, none, { Incompatible, Incompatible });
     row("cpu 0, every packet", { cpuPacket(0, 0) + cpuPacket(1, 0) }, Cpu, { 2 }, { OldVersion, OldVersion });
-    row("channels 1", { intsPacket(Channels, { 1, 2, 3, 4, 5, 6 }, 1) }, Channels, none, { Incompatible });
-    row("codecs 1", { intsPacket(Codecs, { 1, 2, 3, 4, 5, 6, 7, 8 }, 1) }, Codecs, none, { Incompatible });
+    row("channels 1", { intsPacket(KindType[Channels], 6, 1, 1) }, Channels, none, { Incompatible });
+    row("codecs 1", { intsPacket(KindType[Codecs], 8, 1, 1) }, Codecs, none, { Incompatible });
     row("stats 255", { PacketBuilder(KindType[Stats], 0, 255).zeros(60).finish() }, Stats, none, { Incompatible });
-    row("cpu 1 with a version-0 payload", { cut(cpu, 24) }, Cpu, none, { Truncated });
-    row("cpu 0 one byte short", { cut(cpuPacket(1, 0), 23) }, Cpu, none, { Truncated });
-    row("cpu 1 with trailing bytes", { cut(cpu + "xyz", 31) }, Cpu, one, none);
-    row("channels one byte short", { cut(channels, 35) }, Channels, none, { Truncated });
-    row("codecs one byte short", { cut(codecs, 43) }, Codecs, none, { Truncated });
-    row("stats one byte short", { cut(stats, 71) }, Stats, none, { Truncated });
+    row("cpu 1 with a version-0 payload", { cutPacket(cpu, 24) }, Cpu, none, { Truncated });
+    row("cpu 0 one byte short", { cutPacket(cpuPacket(1, 0), 23) }, Cpu, none, { Truncated });
+    row("cpu 1 with trailing bytes", { cutPacket(cpu + "xyz", 31) }, Cpu, one, none);
+    row("channels one byte short", { cutPacket(channels, 35) }, Channels, none, { Truncated });
+    row("codecs one byte short", { cutPacket(codecs, 43) }, Codecs, none, { Truncated });
+    row("stats one byte short", { cutPacket(stats, 71) }, Stats, none, { Truncated });
 }
 
 void TestHistories::delivery()

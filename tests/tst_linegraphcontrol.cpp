@@ -8,11 +8,12 @@
 #include <QTabWidget>
 #include <QtTest>
 
+#include <algorithm>
+
 namespace {
 
-// The panel as the main form builds it, on collectors whose network never
-// connects: tests fill the collectors' lists and announce the new snapshots
-// with the collectors' own signal, so the connections are exercised too.
+// The panel as the main form builds it, on collectors whose network never connects: tests fill the lists and
+// announce the new snapshots with the collectors' own signal, so the connections are exercised too.
 struct Panel
 {
     ProfilerChain chain;
@@ -21,11 +22,8 @@ struct Panel
 
     LineGraphLegendItem* row(const QString& name) const
     {
-        for (LineGraphLegendItem* row : control.findChildren<LineGraphLegendItem*>()) {
-            if (row->getText() == name)
-                return row;
-        }
-        return nullptr;
+        const QList<LineGraphLegendItem*> rows = control.findChildren<LineGraphLegendItem*>();
+        return *std::find_if(rows.begin(), rows.end(), [&](auto* row) { return row->getText() == name; });
     }
 
     QSpinBox* spinBox(int tab) const { return control.findChild<QTabWidget*>()->widget(tab)->findChild<QSpinBox*>(); }
@@ -47,11 +45,8 @@ struct Panel
     // Line names are unique across the four groups.
     LineValues* line(const QString& name) const
     {
-        for (LineValues* line : lines()) {
-            if (line->getName() == name)
-                return line;
-        }
-        return nullptr;
+        const QList<LineValues*> all = lines();
+        return *std::find_if(all.begin(), all.end(), [&](auto* line) { return line->getName() == name; });
     }
 
     // "Name: text" for each row that `like` names the same way, "(hidden)"

@@ -1,6 +1,5 @@
-// The window at the size it opens with, on the platform's own default font:
-// it must not ask for more room, and every control must be whole and usable.
-// Run on offscreen and, under Xvfb, on xcb, whose fonts differ.
+// The window at the size it opens with, on the platform's own default font: it must not ask for more room,
+// and every control must be whole and usable. Run on offscreen and, under Xvfb, on xcb, whose fonts differ.
 #include "linegraph.h"
 #include "linegraphcontrol.h"
 #include "mainform.h"

@@ -484,9 +484,8 @@ private slots:
                 // A cut-off copy is dropped and changes no unit (a dropped packet resets its own figures).
                 const QStringList before = digest(running, false);
                 const int recordsStart = 12 + PacketEncoder::getDSPPrologueSize(version);
-                QByteArray broken = next.left(recordsStart + random.bounded(next.size() - recordsStart));
-                qToLittleEndian<quint32>(quint32(broken.size()), broken.data());
-                running.network.receiveBytes(broken);
+                const int cut = recordsStart + random.bounded(next.size() - recordsStart);
+                running.network.receiveBytes(cutPacket(next, cut));
                 QCOMPARE(digest(running, false), before);
 
                 const quint64 valueSerial = running.tree.getValueSerial();

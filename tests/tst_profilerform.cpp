@@ -92,8 +92,7 @@ void TestProfilerForm::connectPauseAndDisconnect()
     QTest::mouseClick(bar.pause, Qt::LeftButton);
     QCOMPARE(bar.look(), "Connected. | " + PausedLook);
     target.closeClient();
-    QVERIFY(QTest::qWaitFor(
-        [&] { return bar.status->text() == QStringLiteral("Target closed... Attempting reconnection."); }, 5000));
+    QTRY_COMPARE(bar.status->text(), QStringLiteral("Target closed... Attempting reconnection."));
     // Unpaused, whichever look the retry has reached; never the connected one.
     QVERIFY2(bar.look().endsWith(QStringLiteral("pause-off Pause")), qPrintable(bar.look()));
 }
@@ -115,12 +114,11 @@ void TestProfilerForm::refusedConnectionShowsTheErrorBox()
     });
     poll.start(20);
     QTest::mouseClick(bar.connect, Qt::LeftButton);
-    QVERIFY(QTest::qWaitFor([&] { return !box.isEmpty(); }, 5000));
-    QCOMPARE(box, QStringList({ "Connection Error", "Could not connect to target.",
-                                "> Target IP address or port is incorrect.\n\n"
-                                "> Target is not running or not yet initialized.\n\n"
-                                "> Target has not enabled profiling with TARN_INIT_PROFILE_ENABLE in System::init.",
-                                QString::number(QMessageBox::Information) }));
+    QTRY_COMPARE(box, QStringList({ "Connection Error", "Could not connect to target.",
+                                    "> Target IP address or port is incorrect.\n\n"
+                                    "> Target is not running or not yet initialized.\n\n"
+                                    "> Target has not enabled profiling with TARN_INIT_PROFILE_ENABLE in System::init.",
+                                    QString::number(QMessageBox::Information) }));
     QCOMPARE(bar.look(), "Connection failed... Disconnected. | " + DisconnectedLook);
 }
 

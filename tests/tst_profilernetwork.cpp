@@ -12,11 +12,6 @@ namespace
 
 const QString TargetClosed = QStringLiteral("Target closed... Attempting reconnection.");
 
-QByteArray cpuPacket(float dsp)
-{
-    return PacketBuilder(3, 0, 1).f32(dsp).f32(0).f32(0).f32(0).finish();
-}
-
 // The link connected to a loopback target, with its signals recorded; the
 // connection's own statuses are dropped unless `keepStatus`.
 struct Link
@@ -76,8 +71,7 @@ void TestProfilerNetwork::dataRequestsAndUserDisconnect()
     QVERIFY(!link.network.isConnected() && !link.network.isConnecting());
 }
 
-// Bigger than one pass of the receive loop, sent in uneven pieces with a
-// small packet right behind it.
+// Bigger than one pass of the receive loop, sent in uneven pieces with a small packet right behind it.
 void TestProfilerNetwork::largePacketInPieces()
 {
     Link link;
@@ -129,27 +123,23 @@ void TestProfilerNetwork::brokenSizeIsASocketError()
     QVERIFY(link.connect());
     // A good packet first, in the same read: it stays queued but unannounced.
     link.target.send(cpuPacket(1.0f) + PacketBuilder(3, 0, 1).zeros(16).finishWithSize(size));
-    QVERIFY(QTest::qWaitFor([&] { return !link.status.isEmpty(); }, 5000));
-    QCOMPARE(link.status, QStringList{ QStringLiteral("A socket error has occurred... Disconnected.") });
+    QTRY_COMPARE(link.status, QStringList{ "A socket error has occurred... Disconnected." });
     QVERIFY(!link.network.isConnected() && !link.network.isConnecting());
     QCOMPARE(link.network.getNumWaitingPackets(3, 0), 1);
     QCOMPARE(link.ready.count(), 0);
 }
 
-// A target that closes the link, or falls silent for three seconds, is
-// tried again every five seconds; the retry is silent until it succeeds,
-// and a user disconnect ends it.
+// A target that closes the link, or falls silent for three seconds, is tried again every five seconds; the
+// retry is silent until it succeeds, and a user disconnect ends it.
 void TestProfilerNetwork::closedOrSilentTargetReconnects()
 {
     Link link;
     QVERIFY(link.connect());
     link.target.closeClient();
-    QVERIFY(QTest::qWaitFor([&] { return !link.status.isEmpty(); }, 5000));
-    QCOMPARE(link.status, QStringList{ TargetClosed });
+    QTRY_COMPARE(link.status, QStringList{ TargetClosed });
     QVERIFY(link.network.isConnecting());
     QVERIFY(QTest::qWaitFor([&] { return link.network.isConnected(); }, 7000));
-    QVERIFY(QTest::qWaitFor([&] { return link.status.count() == 2; }, 2000));
-    QCOMPARE(link.status.last(), QStringLiteral("Connected."));
+    QTRY_COMPARE_WITH_TIMEOUT(link.status, (QStringList{ TargetClosed, "Connected." }), 2000);
     QVERIFY(!link.network.isConnecting());
 
     QVERIFY(link.target.waitForClient());

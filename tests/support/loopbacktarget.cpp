@@ -38,8 +38,7 @@ bool LoopbackTarget::waitForReceived(int count, int timeoutMs)
 
 LoopbackTarget::~LoopbackTarget()
 {
-    // The sockets die with the server; their signals must not reach a
-    // half-destroyed target.
+    // The sockets die with the server; their signals must not reach a half-destroyed target.
     if (client)
         client->disconnect(this);
 }

@@ -7,9 +7,8 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 
-// A stand-in target on 127.0.0.1 with an OS-chosen port. It accepts one
-// profiler at a time, records what the profiler sends and sends whatever
-// the test gives it.
+// A stand-in target on 127.0.0.1 with an OS-chosen port. It accepts one profiler at a time, records what the
+// profiler sends and sends whatever the test gives it.
 class LoopbackTarget : public QObject
 {
     Q_OBJECT

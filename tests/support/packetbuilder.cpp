@@ -45,6 +45,28 @@ QByteArray dspChainV6(int length, quint16 lastChildren)
     return dspPacketV6(units);
 }
 
+QByteArray cpuPacket(float dsp, quint8 version)
+{
+    PacketBuilder packet(3, 0, version);
+    packet.f32(dsp).f32(0.1f).f32(2.5f);
+    return (version == 0 ? packet : packet.f32(1.0f / 3)).finish();
+}
+
+QByteArray intsPacket(quint8 type, int count, int first, quint8 version)
+{
+    PacketBuilder packet(type, 0, version);
+    for (int i = 0; i < count; ++i)
+        packet.i32(first + i);
+    return packet.finish();
+}
+
+QByteArray cutPacket(const QByteArray& packet, int size)
+{
+    QByteArray part = packet.left(size);
+    qToLittleEndian(quint32(size), part.data());
+    return part;
+}
+
 QByteArray readTestData(const QString& fileName)
 {
     QFile file(QStringLiteral(TARN_TEST_DATA_DIR "/") + fileName);

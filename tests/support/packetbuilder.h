@@ -6,9 +6,8 @@
 #include <QVector>
 #include <QtEndian>
 
-// Builds packets for tests: a 12-byte header followed by little-endian
-// fields. finish() writes the real size into the header; finishWithSize()
-// lets a test lie about it.
+// Builds packets for tests: a 12-byte header followed by little-endian fields. finish() writes the real size
+// into the header; finishWithSize() lets a test lie about it.
 class PacketBuilder
 {
 public:
@@ -50,9 +49,8 @@ private:
     QByteArray bytes;
 };
 
-// One unit record of the current DSP layout; flags bit 0 active, 1 bypass,
-// 2 send, 3 sidechain. Level slot i holds -i dB; levelCount says how many
-// the unit claims.
+// One unit record of the current DSP layout; flags bit 0 active, 1 bypass, 2 send, 3 sidechain. Level slot i
+// holds -i dB; levelCount says how many the unit claims.
 struct DSPUnitV6
 {
     quint64 id;
@@ -69,6 +67,15 @@ QByteArray dspPacketV6(const QVector<DSPUnitV6>& units, qint32 rate = 48000, qin
 // A chain of `length` units, ids 1 to length, each the only input of the one before; the last claims
 // `lastChildren` more records than follow.
 QByteArray dspChainV6(int length, quint16 lastChildren = 0);
+
+// A CPU packet: `dsp`, stream 0.1, update 2.5 and, from version 1 on, geometry 1/3.
+QByteArray cpuPacket(float dsp, quint8 version = 1);
+
+// A packet of `count` consecutive 32-bit counts from `first`, as channel and codec packets carry them.
+QByteArray intsPacket(quint8 type, int count, int first = 1, quint8 version = 0);
+
+// The first `size` bytes of a packet, with the size field saying so.
+QByteArray cutPacket(const QByteArray& packet, int size);
 
 // Reads a test vector file from the test data folder.
 QByteArray readTestData(const QString& fileName);
