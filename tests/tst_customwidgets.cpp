@@ -54,8 +54,7 @@ void TestCustomWidgets::label()
     QVERIFY(containsColour(label.grab().toImage(), Qt::red));
     label.setColor(QColor(Qt::blue));
     const QImage blueImage = label.grab().toImage();
-    QVERIFY(containsColour(blueImage, Qt::blue));
-    QVERIFY(!containsColour(blueImage, Qt::red));
+    QVERIFY(containsColour(blueImage, Qt::blue) && !containsColour(blueImage, Qt::red));
 
     QFont bigFont = label.font();
     bigFont.setPointSize(bigFont.pointSize() * 3);
@@ -116,8 +115,7 @@ void TestCustomWidgets::buttonPicksImageForState()
     QFETCH(QString, state);
     QFETCH(QList<int>, keys);
     QFETCH(int, shownKey);
-    const bool down = state.contains("down"), checked = state.contains("checked");
-    const bool hovered = state.contains("hovered");
+    const bool down = state.contains("down"), checked = state.contains("checked"), hovered = state.contains("hovered");
 
     QMap<int, QString> resourceMap;
     for (int key : keys) {

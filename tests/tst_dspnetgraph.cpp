@@ -111,10 +111,7 @@ private slots:
     void smallTreeLayout()
     {
         Model model;
-        DSPNode* a = model.unit(1, 0);
-        DSPNode* b = model.unit(2, 1, false);
-        DSPNode* c = model.unit(3, 1);
-        DSPNode* d = model.unit(4, 2);
+        DSPNode *a = model.unit(1, 0), *b = model.unit(2, 1, false), *c = model.unit(3, 1), *d = model.unit(4, 2);
         a->name = QStringLiteral("Bus:Master");
         a->levels = { char(0), char(-80), char(-40), char(10) };
         b->sendTargetId = 3;
@@ -167,9 +164,7 @@ private slots:
         QFETCH(PointList, markers);
 
         Model model;
-        DSPNode* head = model.unit(1, 0);
-        DSPNode* wide = model.unit(2, 1);
-        DSPNode* shared = model.unit(30, 3);
+        DSPNode *head = model.unit(1, 0), *wide = model.unit(2, 1), *shared = model.unit(30, 3);
         for (int i = 0; i < inputCount; ++i)
             feed(wide, { model.unit(11 + i, 2) });
         feed(wide->inputs.at(2).node, { shared });
@@ -205,8 +200,7 @@ private slots:
     void groupBoxes()
     {
         Model model;
-        DSPNode* a = model.unit(1, 0, true, 100);
-        DSPNode* b = model.unit(2, 1, true, 100);
+        DSPNode *a = model.unit(1, 0, true, 100), *b = model.unit(2, 1, true, 100);
         feed(a, { b, model.unit(3, 1, true, 200), model.unit(5, 1, true, 500), model.unit(6, 1, true, 900) });
         feed(b, { model.unit(4, 2, true, 600) });
         const QUuid guid("{12345678-9abc-def0-1234-56789abcdef0}");
@@ -239,8 +233,7 @@ private slots:
     void laterPasses()
     {
         Model model;
-        DSPNode* a = model.unit(1, 0, true, 100);
-        DSPNode* b = model.unit(2, 1, true, 7);
+        DSPNode *a = model.unit(1, 0, true, 100), *b = model.unit(2, 1, true, 7);
         feed(a, { b, model.unit(4, 1) });
         feed(b, { model.unit(3, 2) });
         b->sendTargetId = 1;
@@ -402,9 +395,7 @@ private slots:
         }
         QVERIFY(!letters.isEmpty() && !shadow.isEmpty());
         QCOMPARE(shadow.bottom(), letters.bottom() + 1);
-        QVERIFY2(qAbs(shadow.left() - letters.left()) <= 2 && qAbs(shadow.right() - letters.right()) <= 2,
-                 qPrintable(QStringLiteral("letters %1..%2, shadow %3..%4").arg(letters.left()).arg(letters.right())
-                                .arg(shadow.left()).arg(shadow.right())));
+        QVERIFY(qAbs(shadow.left() - letters.left()) <= 2 && qAbs(shadow.right() - letters.right()) <= 2);
     }
 
     void mouseGestures_data()

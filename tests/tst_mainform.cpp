@@ -89,8 +89,7 @@ void TestMainForm::opensAtDefaultSizeWithEveryControlWhole()
     QVERIFY(QTest::qWaitForWindowExposed(&window));
     QTest::qWait(50);
     const QSize minimum = window.minimumSizeHint();
-    QVERIFY2(minimum.boundedTo(DefaultSize) == minimum,
-             qPrintable(QStringLiteral("minimum %1x%2").arg(minimum.width()).arg(minimum.height())));
+    QCOMPARE(minimum.boundedTo(DefaultSize), minimum);
     QCOMPARE(window.size(), DefaultSize);
 
     auto* edit = window.findChildren<QLineEdit*>().last();
