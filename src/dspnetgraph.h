@@ -211,7 +211,7 @@ private:
     void nestGroupBoxes(const GroupNode* const* groups, int count);
     void nameGroupBoxes(const GroupNode* const* groups, int count, QVector<bool>* done);
     void addParentGroupBoxes(const GroupNode* const* groups, int count, QVector<bool>* done);
-    void prefetchGroupBoxCell(const GroupNode* const* groups, int count, int i) const;
+    void prefetchGroupAhead(const GroupNode* const* groups, int count, int i) const;
     void clearSelection();
     int nodeIndexAt(const QPoint& point) const;
     void runNodeMenu(const DSPNetGraphicalNode& node, const QPoint& screenPosition);

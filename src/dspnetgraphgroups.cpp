@@ -73,7 +73,7 @@ void DSPNetGraph::nameGroupBoxes(const GroupNode* const* groups, int count, QVec
     if (!groupIndexCurrent)
         indexGroupBoxes();
     for (int i = 0; i < count; ++i) {
-        prefetchGroupBoxCell(groups, count, i + Prefetch::Distance);
+        prefetchGroupAhead(groups, count, i + Prefetch::Distance);
         const GroupNode* group = groups[i];
         if (!group) {
             (*done)[i] = true;
@@ -92,7 +92,7 @@ void DSPNetGraph::nameGroupBoxes(const GroupNode* const* groups, int count, QVec
 // out of the cache: the group some steps on is asked for, and of the one
 // half as far, which has arrived, its name (copying it writes its count)
 // and the cell its box is looked up in.
-void DSPNetGraph::prefetchGroupBoxCell(const GroupNode* const* groups, int count, int i) const
+void DSPNetGraph::prefetchGroupAhead(const GroupNode* const* groups, int count, int i) const
 {
     if (i + Prefetch::Distance < count)
         Prefetch::object(groups[i + Prefetch::Distance]);
