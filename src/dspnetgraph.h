@@ -322,7 +322,7 @@ private:
     // not wait for it.
     void indexForPainting();
     bool paintIndexStale = true;
-    const std::vector<int>& paintCandidates(const DSPNetGraphBoxIndex& index, int count,
+    const std::vector<int>& paintCandidates(DSPNetGraphBoxIndex& index, int count,
                                             const QRectF& area);
     DSPNetGraphBoxIndex unitIndex;
     DSPNetGraphBoxIndex standardLineIndex;

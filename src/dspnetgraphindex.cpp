@@ -14,6 +14,8 @@ const double CoordinateLimit = double(1 << 29);
 const int FinestShiftX = 8;
 const int FinestShiftY = 7;
 const int MaxShift = 30;
+// A pass costs a fifth of a build or less; a paint asks the unit boxes twice.
+const int ScansBeforeGrid = 3;
 
 // Faster than std::floor and std::ceil, which the build of every layout
 // calls four times per item.
@@ -41,6 +43,7 @@ qint64 cellNumber(qint64 offset, int shift)
 
 void DSPNetGraphBoxIndex::start(int count)
 {
+    scans = 0;
     boxes.clear();
     boxes.reserve(size_t(qMax(0, count)));
 }
@@ -59,6 +62,12 @@ void DSPNetGraphBoxIndex::add(const QRectF& box)
 
 void DSPNetGraphBoxIndex::finish()
 {
+    scans = 0;
+}
+
+void DSPNetGraphBoxIndex::buildGrid()
+{
+    scans = -1;
     grids.clear();
     for (auto& row : gridByLevel)
         std::fill(std::begin(row), std::end(row), -1);
@@ -159,14 +168,21 @@ int DSPNetGraphBoxIndex::gridFor(int levelX, int levelY)
     return index;
 }
 
-void DSPNetGraphBoxIndex::find(const QRectF& area, std::vector<int>* found) const
+void DSPNetGraphBoxIndex::find(const QRectF& area, std::vector<int>* found)
 {
-    const size_t first = found->size();
     const QRectF r = area.normalized();
     const int left = lowerBound(r.left());
     const int top = lowerBound(r.top());
     const int right = upperBound(r.right());
     const int bottom = upperBound(r.bottom());
+    if (scans >= 0 && scans < ScansBeforeGrid) {
+        ++scans;
+        scan(left, top, right, bottom, found);
+        return;
+    }
+    if (scans >= 0)
+        buildGrid();
+    const size_t first = found->size();
     for (const Grid& grid : grids) {
         // A box reaches at most one cell past the one its corner is in.
         const qint64 column0 = qMax<qint64>(0, cellNumber(qint64(left) - originX, grid.shiftX) - 1);
@@ -189,4 +205,14 @@ void DSPNetGraphBoxIndex::find(const QRectF& area, std::vector<int>* found) cons
         }
     }
     std::sort(found->begin() + qint64(first), found->end());
+}
+
+void DSPNetGraphBoxIndex::scan(int left, int top, int right, int bottom, std::vector<int>* found) const
+{
+    const int count = size();
+    for (int i = 0; i < count; ++i) {
+        const Box& box = boxes[size_t(i)];
+        if (box.left <= right && box.right >= left && box.top <= bottom && box.bottom >= top)
+            found->push_back(i);
+    }
 }

@@ -21,7 +21,11 @@
 // per box, which keeps the cell tables O(N) even for a long, thin graph.
 //
 // Built in O(N) by counting sort into flat arrays that keep their room
-// from one build to the next.
+// from one build to the next. The grid is built on the first find() past
+// a few after finish(): until then each find() is one pass over the boxes,
+// several times cheaper than a build. A live view paints each layout about
+// once, so it never pays for a grid; a view scrolled over one layout does,
+// once.
 class DSPNetGraphBoxIndex
 {
 public:
@@ -37,7 +41,7 @@ public:
     // Appends the numbers (in the order added) of the boxes that meet
     // `area`, ascending; a box that does not meet it may be among them
     // only if it lies within a pixel of it.
-    void find(const QRectF& area, std::vector<int>* found) const;
+    void find(const QRectF& area, std::vector<int>* found);
 
 private:
     struct Box
@@ -57,6 +61,8 @@ private:
     };
     static const int MaxLevels = 32;
 
+    void buildGrid();
+    void scan(int left, int top, int right, int bottom, std::vector<int>* found) const;
     int levelFor(int extent, int baseShift) const;
     int gridFor(int levelX, int levelY);
     void chooseBaseCells();
@@ -75,6 +81,8 @@ private:
     int spanY = 0;
     int baseShiftX = 8;
     int baseShiftY = 7;
+    // Finds answered by a pass since finish(); -1 once the grid is built.
+    int scans = 0;
 };
 
 #endif // DSPNETGRAPHINDEX_H

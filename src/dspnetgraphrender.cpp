@@ -390,7 +390,7 @@ void DSPNetGraph::indexForPainting()
 // The items of one list a paint may draw, in the list's order: those the
 // index finds near the area, or all of them when nothing is clipped or the
 // list changed since it was indexed (the callers still test each one).
-const std::vector<int>& DSPNetGraph::paintCandidates(const DSPNetGraphBoxIndex& index, int count,
+const std::vector<int>& DSPNetGraph::paintCandidates(DSPNetGraphBoxIndex& index, int count,
                                                      const QRectF& area)
 {
     paintFound.clear();

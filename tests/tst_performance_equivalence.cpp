@@ -423,6 +423,7 @@ private slots:
                                         QRect(near, QSize(800, 600)) };
                 const QRect area = areas[view < 2 ? view : random.bounded(7)];
                 forImage = random.bounded(4) == 0;
+                graph.paintIndexStale |= random.bounded(2); // the first finds pass over the boxes, later ones ask the grid
                 const QImage indexed = paint(area, true, true);
                 // Built from the lists as they are: the index, not the fallback, is what gets compared.
                 QCOMPARE(graph.unitIndex.size(), graph.nodeList.size());
