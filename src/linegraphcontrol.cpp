@@ -383,13 +383,16 @@ void LineGraphControl::slotMaxSpinBoxChanged(int maximum)
 // A fixed scale above the new maximum is brought down to it, so the graph
 // stays fixed at the largest scale allowed. A wrapping spin box left to
 // itself would jump back to "Auto" instead. Negative capacities from a
-// broken target allow no fixed scale at all.
+// broken target allow no fixed scale at all. Setting an unchanged maximum
+// still asks every layout above for a new pass, on which the tab widget
+// repaints itself whole: several times a second.
 static void setSpinBoxMaximum(QSpinBox* spinBox, int maximum)
 {
     maximum = qMax(0, maximum);
     if (spinBox->value() > maximum)
         spinBox->setValue(maximum);
-    spinBox->setMaximum(maximum);
+    if (spinBox->maximum() != maximum)
+        spinBox->setMaximum(maximum);
 }
 
 static int firstNewSnapshot(int listSize, int numNewSnapshots)
