@@ -1,7 +1,39 @@
 #include "stallmeter.h"
 
+#include <QAbstractEventDispatcher>
+
+#include <glib.h>
+
 #include <algorithm>
 #include <climits>
+
+namespace
+{
+
+StallMeter* measuring = nullptr;
+GPollFunc originalPoll = nullptr;
+
+// Only a poll that may wait ends a span. The loop polls without waiting
+// when a source is ready already, and posted events go before the window's
+// input: a layout posted after a decode keeps a key press waiting for both.
+gint pollAndMeasure(GPollFD* fds, guint count, gint timeout)
+{
+    const bool mayWait = timeout != 0;
+    if (measuring && mayWait)
+        measuring->waitStarts();
+    const gint result = originalPoll(fds, count, timeout);
+    if (measuring && mayWait)
+        measuring->waitEnded();
+    return result;
+}
+
+bool loopIsGLib()
+{
+    const QAbstractEventDispatcher* dispatcher = QAbstractEventDispatcher::instance();
+    return dispatcher && qstrcmp(dispatcher->metaObject()->className(), "QEventDispatcherGlib") == 0;
+}
+
+} // namespace
 
 StallMeter::StallMeter(QObject* parent)
     : QObject(parent)
@@ -13,44 +45,81 @@ StallMeter::StallMeter(QObject* parent)
     connect(&timer, &QTimer::timeout, this, &StallMeter::slotTick);
 }
 
+StallMeter::~StallMeter()
+{
+    stop();
+}
+
+// The main thread's loop polls the default context; one meter watches it
+// at a time.
 void StallMeter::restart()
 {
-    latenessUs.clear();
+    stop();
+    spansUs.clear();
     clock.start();
     lastNs = 0;
+    if (loopIsGLib() && !measuring) {
+        GMainContext* context = g_main_context_default();
+        originalPoll = g_main_context_get_poll_func(context);
+        g_main_context_set_poll_func(context, pollAndMeasure);
+        measuring = this;
+        watchingPoll = true;
+        return;
+    }
     timer.start();
 }
 
 void StallMeter::stop()
 {
     timer.stop();
+    if (!watchingPoll)
+        return;
+    g_main_context_set_poll_func(g_main_context_default(), originalPoll);
+    measuring = nullptr;
+    watchingPoll = false;
+}
+
+void StallMeter::waitStarts()
+{
+    if (lastNs >= 0)
+        record(clock.nsecsElapsed() - lastNs);
+    lastNs = -1;
+}
+
+void StallMeter::waitEnded()
+{
+    lastNs = clock.nsecsElapsed();
 }
 
 void StallMeter::slotTick()
 {
     const qint64 now = clock.nsecsElapsed();
-    const qint64 lateUs = (now - lastNs) / 1000 - qint64(IntervalMs) * 1000;
+    record(now - lastNs - qint64(IntervalMs) * 1000000);
     lastNs = now;
-    latenessUs.append(qint32(qBound<qint64>(0, lateUs, INT_MAX)));
+}
+
+void StallMeter::record(qint64 spanNs)
+{
+    spansUs.append(qint32(qBound<qint64>(0, spanNs / 1000, INT_MAX)));
 }
 
 int StallMeter::getSampleCount() const
 {
-    return latenessUs.size();
+    return spansUs.size();
 }
 
 double StallMeter::getLongestMs() const
 {
-    if (latenessUs.isEmpty())
+    if (spansUs.isEmpty())
         return 0.0;
-    return *std::max_element(latenessUs.begin(), latenessUs.end()) / 1000.0;
+    return *std::max_element(spansUs.begin(), spansUs.end()) / 1000.0;
 }
 
 double StallMeter::getPercentileMs(double share) const
 {
-    if (latenessUs.isEmpty())
+    if (spansUs.isEmpty())
         return 0.0;
-    QVector<qint32> sorted = latenessUs;
+    QVector<qint32> sorted = spansUs;
     const int index = qBound(0, int(share * sorted.size() + 0.5) - 1, sorted.size() - 1);
     std::nth_element(sorted.begin(), sorted.begin() + index, sorted.end());
     return sorted.at(index) / 1000.0;
@@ -58,7 +127,7 @@ double StallMeter::getPercentileMs(double share) const
 
 QString StallMeter::getSummary() const
 {
-    return QStringLiteral("stall max=%1 p99=%2 intervals=%3")
+    return QStringLiteral("stall max=%1 p99=%2 spans=%3")
         .arg(getLongestMs(), 0, 'f', 1)
         .arg(getPercentileMs(0.99), 0, 'f', 1)
         .arg(getSampleCount());

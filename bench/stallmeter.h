@@ -7,10 +7,14 @@
 #include <QTimer>
 #include <QVector>
 
-// How long the event loop keeps a user waiting: a 10 ms timer that should
-// fire every 10 ms, and by how much each interval overran. A paint, a decode
-// or a layout that holds the loop for 200 ms shows as one interval 190 ms
-// late, whatever the CPU share over a second says.
+// How long the event loop keeps a user waiting: each span from the loop's
+// waking up to its next wait for events with nothing left to do. A key
+// pressed in between waits for the rest of the span, so a paint, a decode
+// or a layout that holds the loop for 200 ms shows as one 200 ms span,
+// whatever the CPU share over a second says. The spans come from wrapping the GLib main context's poll, which
+// adds no wakeups of its own. Where the loop is not GLib's, a 10 ms timer
+// stands in and each interval's overrun is the span; that timer wakes the
+// loop 100 times a second, and its cost shows in the CPU figures.
 class StallMeter : public QObject
 {
     Q_OBJECT
@@ -19,28 +23,36 @@ public:
     static constexpr int IntervalMs = 10;
 
     explicit StallMeter(QObject* parent = nullptr);
+    ~StallMeter() override;
 
     // Forgets what was measured and measures from now.
     void restart();
     void stop();
 
     int getSampleCount() const;
-    // Milliseconds an interval overran the timer's 10 ms, 0 when nothing ran.
+    // The longest span in milliseconds, 0 when nothing ran.
     double getLongestMs() const;
-    // The lateness that this share of intervals (0..1) stayed within.
+    // The span that this share of spans (0..1) stayed within.
     double getPercentileMs(double share) const;
-    // One line for logs and scripts: "stall max=X p99=Y intervals=N".
+    // One line for logs and scripts: "stall max=X p99=Y spans=N".
     QString getSummary() const;
+
+    // Called by the poll wrapper around each wait.
+    void waitStarts();
+    void waitEnded();
 
 private slots:
     void slotTick();
 
 private:
+    void record(qint64 spanNs);
+
     QTimer timer;
     QElapsedTimer clock;
-    qint64 lastNs = 0;
-    // Lateness per interval in microseconds; 100 per second of measuring.
-    QVector<qint32> latenessUs;
+    qint64 lastNs = -1;
+    bool watchingPoll = false;
+    // Spans in microseconds.
+    QVector<qint32> spansUs;
 };
 
 #endif // STALLMETER_H
