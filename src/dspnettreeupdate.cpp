@@ -74,9 +74,23 @@ bool DSPTree::stageValues(const QByteArray& packet, int version, int firstRecord
 // record sets anew: kept at its size, it is mostly not resized at all.
 void DSPTree::clearScratch()
 {
-    QVector<char> levels = std::move(scratch.levels);
-    scratch = DSPNode();
-    scratch.levels = std::move(levels);
+    // Field by field: a fresh unit per record cost building and destroying
+    // its string and lists each time. Every field a record may leave
+    // unwritten (older versions carry fewer) gets its default.
+    scratch.id = 0;
+    scratch.groupId = 0;
+    scratch.sendTargetId = 0;
+    scratch.name.clear();
+    scratch.active = false;
+    scratch.bypass = false;
+    scratch.inclusiveUsage = 0;
+    scratch.inclusiveCPU = 0.0f;
+    scratch.exclusiveUsage = 0;
+    scratch.exclusiveCPU = 0.0f;
+    scratch.inputs.clear();
+    scratch.depth = -1;
+    scratch.walkIndex = -1;
+    scratch.recordIndex = -1;
 }
 
 // Copies the scratch unit's levels behind those staged so far. The list
