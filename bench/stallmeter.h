@@ -11,10 +11,11 @@
 // waking up to its next wait for events with nothing left to do. A key
 // pressed in between waits for the rest of the span, so a paint, a decode
 // or a layout that holds the loop for 200 ms shows as one 200 ms span,
-// whatever the CPU share over a second says. The spans come from wrapping the GLib main context's poll, which
-// adds no wakeups of its own. Where the loop is not GLib's, a 10 ms timer
-// stands in and each interval's overrun is the span; that timer wakes the
-// loop 100 times a second, and its cost shows in the CPU figures.
+// whatever the CPU share over a second says. The spans come from wrapping
+// the GLib main context's poll, which adds no wakeups of its own. Where the
+// loop is not GLib's, a 10 ms timer stands in and each interval's overrun
+// is the span; that timer wakes the loop 100 times a second, and its cost
+// shows in the CPU figures.
 class StallMeter : public QObject
 {
     Q_OBJECT
