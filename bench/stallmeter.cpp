@@ -63,7 +63,6 @@ void StallMeter::restart()
         originalPoll = g_main_context_get_poll_func(context);
         g_main_context_set_poll_func(context, pollAndMeasure);
         measuring = this;
-        watchingPoll = true;
         return;
     }
     timer.start();
@@ -72,11 +71,10 @@ void StallMeter::restart()
 void StallMeter::stop()
 {
     timer.stop();
-    if (!watchingPoll)
+    if (measuring != this)
         return;
     g_main_context_set_poll_func(g_main_context_default(), originalPoll);
     measuring = nullptr;
-    watchingPoll = false;
 }
 
 void StallMeter::waitStarts()

@@ -51,7 +51,6 @@ private:
     QTimer timer;
     QElapsedTimer clock;
     qint64 lastNs = -1;
-    bool watchingPoll = false;
     // Spans in microseconds.
     QVector<qint32> spansUs;
 };
