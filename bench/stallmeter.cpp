@@ -27,10 +27,12 @@ gint pollAndMeasure(GPollFD* fds, guint count, gint timeout)
     return result;
 }
 
+// Platform plugins bring their own subclass of the GLib dispatcher (xcb's
+// is QPAEventDispatcherGlib), so the class name alone would miss it.
 bool loopIsGLib()
 {
     const QAbstractEventDispatcher* dispatcher = QAbstractEventDispatcher::instance();
-    return dispatcher && qstrcmp(dispatcher->metaObject()->className(), "QEventDispatcherGlib") == 0;
+    return dispatcher && dispatcher->inherits("QEventDispatcherGlib");
 }
 
 } // namespace
