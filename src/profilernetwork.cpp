@@ -258,19 +258,21 @@ void ProfilerNetwork::slotPacketArrived()
     }
 }
 
-// A recording needs the bytes as they came; otherwise they go straight to
-// the end of the receive buffer instead of through a copy of their own.
+// The socket hands over a block it holds whole without copying it, and an
+// empty receive buffer takes it by reference: a snapshot read in one go
+// becomes a packet with no copy at all. Behind a partial packet the bytes go
+// straight to the end of the buffer instead, which has room for the rest.
 void ProfilerNetwork::readFromSocket()
 {
-    if (recorder) {
-        const QByteArray bytes = socket->read(MaxReadPerPass);
-        if (!bytes.isEmpty())
+    const qint64 wanted = qMin(socket->bytesAvailable(), MaxReadPerPass);
+    if (recorder || received.isEmpty()) {
+        const QByteArray bytes = socket->read(wanted);
+        if (recorder && !bytes.isEmpty())
             recorder->appendReceived(bytes);
         receiveBytes(bytes);
         return;
     }
     const int kept = received.size();
-    const qint64 wanted = qMin(socket->bytesAvailable(), MaxReadPerPass);
     if (wanted > 0) {
         received.resize(kept + int(wanted));
         const qint64 read = socket->read(received.data() + kept, wanted);
