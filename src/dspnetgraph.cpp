@@ -160,7 +160,7 @@ void DSPNetGraph::updateGraphicSize()
         loadFaceplate(QStringLiteral(":Profiler/node-faceplate-highlight.png"), size);
 }
 
-void DSPNetGraph::updateWidgetSize(bool force)
+bool DSPNetGraph::updateWidgetSize(bool force)
 {
     const int width = static_cast<int>((maxX + ExtraWidth) * scale);
     const int height = static_cast<int>((maxY + ExtraHeight) * scale);
@@ -171,8 +171,11 @@ void DSPNetGraph::updateWidgetSize(bool force)
     // Qt refuses (with a warning) sizes beyond its limit; a network that
     // deep is clipped rather than reported on every update.
     const QSize size(qMin(widgetWidth, QWIDGETSIZE_MAX), qMin(widgetHeight, QWIDGETSIZE_MAX));
+    if (size == minimumSize() && size == maximumSize())
+        return false;
     setMinimumSize(size);
     setMaximumSize(size);
+    return true;
 }
 
 void DSPNetGraph::updateSelectedNode()

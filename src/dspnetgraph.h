@@ -94,7 +94,8 @@ public:
     void processSends();
     void processGroups(const GroupNode* const* groups, int count);
     void updateGraphicSize();
-    void updateWidgetSize(bool force);
+    // Returns whether the widget changed size.
+    bool updateWidgetSize(bool force);
     void renderTree(QPainter* painter, bool forImage);
     void saveTree(QString fileName);
     void refresh();

@@ -124,9 +124,14 @@ void DSPNetGraph::slotProcessTree()
             layOutTree();
         paintIndexStale = true;
     }
-    updateWidgetSize(false);
+    const bool resized = updateWidgetSize(false);
     updateSelectedNode();
-    refresh();
+    // A widget that changes size is repainted whole after this turn; the
+    // refresh 10 ms later would paint the same picture a second time.
+    if (resized)
+        update();
+    else
+        refresh();
 }
 
 void DSPNetGraph::layOutTree()

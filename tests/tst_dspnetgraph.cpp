@@ -75,11 +75,15 @@ struct Panel : LiveTree
 
     bool show(QByteArray packet = QByteArray())
     {
-        QVector<DSPUnitV6> units { { 1, 20 } };
-        for (quint64 unit = 0; unit < 160; ++unit) // row 1 + unit / 8, column unit % 8
+        return connected && QTest::qWaitForWindowExposed(&panel) && feed(packet.isEmpty() ? chains(20) : packet);
+    }
+
+    static QByteArray chains(quint16 count)
+    {
+        QVector<DSPUnitV6> units { { 1, count } };
+        for (quint64 unit = 0; unit < 8u * count; ++unit) // row 1 + unit / 8, column unit % 8
             units.append({ 1000 * (1 + unit / 8) + unit % 8, quint16(unit % 8 < 7 ? 1 : 0) });
-        return connected && QTest::qWaitForWindowExposed(&panel)
-               && feed(packet.isEmpty() ? dspPacketV6(units) : packet);
+        return dspPacketV6(units);
     }
 
     QPoint scrolled() const
@@ -97,6 +101,17 @@ struct Panel : LiveTree
     ProfilerDSPNetGraph panel;
     DSPNetGraph* graph;
     QScrollArea* scrollArea;
+};
+
+struct PaintCount : QObject
+{
+    explicit PaintCount(QWidget* widget) { widget->installEventFilter(this); }
+    bool eventFilter(QObject*, QEvent* event) override
+    {
+        count += event->type() == QEvent::Paint;
+        return false;
+    }
+    int count = 0;
 };
 
 } // namespace
@@ -641,6 +656,24 @@ private slots:
             QCOMPARE(view.scrollTo(300, 400), QPoint(300, 400));
             emit graph->selectedNodePositionChanged(QPoint(410, 160) + moveBy, QPoint(410, 160));
             QCOMPARE(view.scrolled(), expectedScroll);
+        }
+    }
+
+    // Each update paints the view once, also when the network grows the widget, which the toolkit then
+    // repaints whole.
+    void onePaintPerUpdate()
+    {
+        Panel view;
+        QVERIFY(view.show());
+        PaintCount paints(view.graph);
+        QTest::qWait(50);
+        for (const quint16 count : { 30, 40, 35 }) {
+            const QSize before = view.graph->size();
+            paints.count = 0;
+            QVERIFY(view.feed(Panel::chains(count)));
+            QTRY_COMPARE(paints.count, 1);
+            QTest::qWait(50);
+            QCOMPARE(view.graph->size() != before, count != 35);
         }
     }
 
