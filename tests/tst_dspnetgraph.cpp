@@ -1,5 +1,6 @@
 #include "dspfixture.h"
 #include "packetbuilder.h"
+#include "paintcounter.h"
 #include "profilerdspnetgraph.h"
 
 #include <QApplication>
@@ -101,17 +102,6 @@ struct Panel : LiveTree
     ProfilerDSPNetGraph panel;
     DSPNetGraph* graph;
     QScrollArea* scrollArea;
-};
-
-struct PaintCount : QObject
-{
-    explicit PaintCount(QWidget* widget) { widget->installEventFilter(this); }
-    bool eventFilter(QObject*, QEvent* event) override
-    {
-        count += event->type() == QEvent::Paint;
-        return false;
-    }
-    int count = 0;
 };
 
 } // namespace
@@ -665,15 +655,15 @@ private slots:
     {
         Panel view;
         QVERIFY(view.show());
-        PaintCount paints(view.graph);
+        PaintCounter paints(view.graph);
         QTest::qWait(50);
         for (const quint16 count : { 30, 40, 35 }) {
             const QSize before = view.graph->size();
-            paints.count = 0;
+            paints.setCount(0);
             QVERIFY(view.feed(Panel::chains(count)));
-            QTRY_VERIFY(paints.count > 0);
+            QTRY_VERIFY(paints.getCount() > 0);
             QTest::qWait(50);
-            QCOMPARE(paints.count, 1);
+            QCOMPARE(paints.getCount(), 1);
             QCOMPARE(view.graph->size() != before, count != 35);
         }
     }
