@@ -67,6 +67,16 @@ void DSPNetGraph::refresh()
         refreshTimer->start(10);
 }
 
+// A widget that changed size is repainted whole after this turn anyway; the
+// refresh 10 ms later would paint the same picture a second time.
+void DSPNetGraph::refreshAfterResize(bool resized)
+{
+    if (resized)
+        update();
+    else
+        refresh();
+}
+
 void DSPNetGraph::setShowExcessiveInputs(bool show)
 {
     showExcessiveInputs = show;
@@ -148,8 +158,7 @@ void DSPNetGraph::setScale(float newScale)
         return;
     scale = clamped;
     updateGraphicSize();
-    updateWidgetSize(true);
-    refresh();
+    refreshAfterResize(updateWidgetSize(true));
 }
 
 void DSPNetGraph::updateGraphicSize()

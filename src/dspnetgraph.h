@@ -99,6 +99,7 @@ public:
     void renderTree(QPainter* painter, bool forImage);
     void saveTree(QString fileName);
     void refresh();
+    void refreshAfterResize(bool resized);
 
     bool getShowExcessiveInputs() const { return showExcessiveInputs; }
     void setShowExcessiveInputs(bool show);

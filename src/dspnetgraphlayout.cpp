@@ -124,14 +124,10 @@ void DSPNetGraph::slotProcessTree()
             layOutTree();
         paintIndexStale = true;
     }
+    // The selection is scrolled to in a widget of the new size.
     const bool resized = updateWidgetSize(false);
     updateSelectedNode();
-    // A widget that changes size is repainted whole after this turn; the
-    // refresh 10 ms later would paint the same picture a second time.
-    if (resized)
-        update();
-    else
-        refresh();
+    refreshAfterResize(resized);
 }
 
 void DSPNetGraph::layOutTree()
