@@ -180,9 +180,9 @@ private:
     // The first record of the last network's unit with this id, or -1.
     int knownUnitRecord(unsigned long long id)
     {
-        const QVector<ShapeRecord>& records = tree->shapeRecords;
-        if (cursor < records.size() && records.at(cursor).id == id)
-            return records.at(cursor++).unitRecord;
+        const std::vector<ShapeRecord>& records = tree->shapeRecords;
+        if (cursor < int(records.size()) && records[size_t(cursor)].id == id)
+            return records[size_t(cursor++)].unitRecord;
         const DSPNode* node = tree->nodesById.value(id, nullptr);
         if (!node)
             return -1;
@@ -200,10 +200,10 @@ private:
 // another is counted on the units of the last network where it can be.
 int DSPTree::countPacketUnits(const QByteArray& packet, int firstRecord, int version)
 {
-    if (!shapeRecords.isEmpty() && version == dspVersion && firstRecord == shapeFirstRecord
-        && sameRecordTree(packet, shapePacket, firstRecord, version, shapeRecords.size()))
+    if (!shapeRecords.empty() && version == dspVersion && firstRecord == shapeFirstRecord
+        && sameRecordTree(packet, shapePacket, firstRecord, version, int(shapeRecords.size())))
         return shapeUnitCount;
-    if (!shapeRecords.isEmpty() && isAsBuilt()) {
+    if (!shapeRecords.empty() && isAsBuilt()) {
         KnownUnitSightings sightings(this);
         return countUnits(packet, firstRecord, version, &sightings);
     }
@@ -233,7 +233,7 @@ void DSPTree::rebuildDSPGraph(const QByteArray& packet, int version, int firstRe
     root = DSPNode();
     dspVersion = version;
     // A table edited by hand leaves no records to compare with.
-    sameTopology = !previousRecords.isEmpty();
+    sameTopology = !previousRecords.empty();
 
     nodesById.reserve(unitCount);
     const char* cursor = packet.constData() + firstRecord;
@@ -266,12 +266,12 @@ void DSPTree::assignDepths()
         return;
     if (!fastDepths || !depthsFromRecords())
         assignDSPDepths(nullptr, &root, nodesById.size() + 1);
-    shapeDepths.resize(shapeRecords.size());
-    const int count = shapeRecords.size();
+    shapeDepths.resize(int(shapeRecords.size()));
+    const int count = int(shapeRecords.size());
     for (int i = 0; i < count; ++i) {
         if (i + Prefetch::Distance < count)
-            Prefetch::object(shapeRecords.at(i + Prefetch::Distance).node);
-        shapeDepths[i] = shapeRecords.at(i).node->depth;
+            Prefetch::object(shapeRecords[i + Prefetch::Distance].node);
+        shapeDepths[i] = shapeRecords[i].node->depth;
     }
 }
 
@@ -284,13 +284,13 @@ void DSPTree::assignDepths()
 // and the walk, which has its own rules for cycles, runs instead.
 bool DSPTree::depthsFromRecords()
 {
-    const int count = shapeRecords.size();
+    const int count = int(shapeRecords.size());
     qint64 budget = 4 * qint64(count) + 1024;
     QVector<DSPNode*> raised;
     for (int i = 0; i < count; ++i) {
         if (i + Prefetch::Distance < count)
-            Prefetch::object(shapeRecords.at(i + Prefetch::Distance).node);
-        const ShapeRecord& record = shapeRecords.at(i);
+            Prefetch::object(shapeRecords[i + Prefetch::Distance].node);
+        const ShapeRecord& record = shapeRecords[i];
         if (record.node->depth > record.parent->depth)
             continue;
         record.node->depth = record.parent->depth + 1;
@@ -323,9 +323,9 @@ void DSPTree::noteRecordTopology(DSPNode* node, DSPNode* parent, bool first)
 {
     if (!sameTopology)
         return;
-    const int i = shapeRecords.size() - 1;
-    if (i < previousRecords.size() && i < shapeDepths.size()) {
-        const ShapeRecord& previous = previousRecords.at(i);
+    const int i = int(shapeRecords.size()) - 1;
+    if (i < int(previousRecords.size()) && i < shapeDepths.size()) {
+        const ShapeRecord& previous = previousRecords[i];
         if (previous.node == node && previous.parent == parent && previous.first == first) {
             if (first)
                 node->depth = shapeDepths.at(i);
@@ -334,7 +334,7 @@ void DSPTree::noteRecordTopology(DSPNode* node, DSPNode* parent, bool first)
     }
     sameTopology = false;
     for (int k = 0; k < i; ++k)
-        shapeRecords.at(k).node->depth = -1;
+        shapeRecords[k].node->depth = -1;
 }
 
 // Starts a walk: a unit is read by it once its readPass is this walk's.
@@ -353,7 +353,7 @@ void DSPTree::keepRecordsForReuse(int version)
         return;
     previousNamesKnown = version == dspVersion;
     previousRecords.swap(shapeRecords);
-    previousRead.fill(false, previousRecords.size());
+    previousRead.fill(false, int(previousRecords.size()));
 }
 
 // The unit of the last network with this id, or null. The record after the
@@ -362,22 +362,22 @@ void DSPTree::keepRecordsForReuse(int version)
 DSPNode* DSPTree::findUnit(unsigned long long id)
 {
     const int next = reuseCursor;
-    if (next + Prefetch::Distance < previousRecords.size()) {
-        Prefetch::object(previousRecords.at(next + Prefetch::Distance).node);
+    if (next + Prefetch::Distance < int(previousRecords.size())) {
+        Prefetch::object(previousRecords[next + Prefetch::Distance].node);
         // Asked for half the distance ago, so its lists can be found now:
         // the unit's record overwrites both.
-        const DSPNode* near = previousRecords.at(next + Prefetch::Distance / 2).node;
+        const DSPNode* near = previousRecords[next + Prefetch::Distance / 2].node;
         Prefetch::block(near->levels);
         Prefetch::block(near->inputs);
     }
-    if (next < previousRecords.size() && previousRecords.at(next).id == id) {
+    if (next < int(previousRecords.size()) && previousRecords[next].id == id) {
         ++reuseCursor;
-        return previousRecords.at(next).node;
+        return previousRecords[next].node;
     }
     DSPNode* node = nodesById.value(id);
     // Picks up the last network's order again after a unit that was added
     // or moved.
-    if (node && node->readPass != rebuildPass && !previousRecords.isEmpty())
+    if (node && node->readPass != rebuildPass && !previousRecords.empty())
         reuseCursor = node->recordIndex + 1;
     return node;
 }
@@ -388,7 +388,7 @@ DSPNode* DSPTree::findUnit(unsigned long long id)
 // table edited by hand is walked itself.
 void DSPTree::dropUnreadUnits()
 {
-    if (previousRecords.isEmpty()) {
+    if (previousRecords.empty()) {
         for (auto it = nodesById.begin(); it != nodesById.end();) {
             if (it.value()->readPass == rebuildPass) {
                 ++it;
@@ -399,8 +399,8 @@ void DSPTree::dropUnreadUnits()
         }
         return;
     }
-    for (int i = 0; i < previousRecords.size(); ++i) {
-        const ShapeRecord& shape = previousRecords.at(i);
+    for (int i = 0; i < int(previousRecords.size()); ++i) {
+        const ShapeRecord& shape = previousRecords[i];
         if (!shape.first || previousRead.at(i))
             continue;
         nodesById.remove(shape.id);
@@ -413,25 +413,26 @@ void DSPTree::createDSPRecurse(const char** cursor, DSPNode* parent)
 {
     // An explicit stack instead of recursion: a target may send a chain of
     // units deeper than the call stack.
-    QVector<PendingUnit> pending;
+    std::vector<PendingUnit> pending;
     if (!readUnit(cursor, parent, &pending))
         return;
-    while (!pending.isEmpty()) {
-        PendingUnit& top = pending.last();
+    while (!pending.empty()) {
+        PendingUnit& top = pending.back();
         if (top.childrenLeft > 0) {
             --top.childrenLeft;
             if (!readUnit(cursor, top.node, &pending))
                 return;
             continue;
         }
-        PendingUnit done = pending.takeLast();
+        PendingUnit done = pending.back();
+        pending.pop_back();
         done.parent->inclusiveUsage += done.node->inclusiveUsage;
         done.link.node = done.node;
         done.parent->inputs.append(done.link);
     }
 }
 
-bool DSPTree::readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit>* pending)
+bool DSPTree::readUnit(const char** cursor, DSPNode* parent, std::vector<PendingUnit>* pending)
 {
     const char* record = *cursor;
     clearScratch();
@@ -448,7 +449,7 @@ bool DSPTree::readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit
     if (node && node->readPass == rebuildPass) {
         link.node = node;
         parent->inputs.append(link);
-        shapeRecords.append(
+        shapeRecords.push_back(
             { node, parent, node->id, node->recordIndex, place.childCount, false, link.send, link.sidechain });
         noteRecordTopology(node, parent, false);
         return true;
@@ -458,11 +459,11 @@ bool DSPTree::readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit
         nodesById.insert(scratch.id, node);
     }
     takeRecord(node, record, place.childCount);
-    node->recordIndex = shapeRecords.size();
-    shapeRecords.append(
+    node->recordIndex = int(shapeRecords.size());
+    shapeRecords.push_back(
         { node, parent, node->id, node->recordIndex, place.childCount, true, link.send, link.sidechain });
     noteRecordTopology(node, parent, true);
-    pending->append({ node, parent, place.childCount, link });
+    pending->push_back({ node, parent, place.childCount, link });
     return true;
 }
 
@@ -488,7 +489,7 @@ void DSPTree::takeRecord(DSPNode* node, const char* record, int childCount)
     node->inputs.reserve(childCount);
 
     // A unit of the last network still holds the index of its record there.
-    const int previous = previousRecords.isEmpty() ? -1 : node->recordIndex;
+    const int previous = previousRecords.empty() ? -1 : node->recordIndex;
     if (previous >= 0)
         previousRead[previous] = true;
     node->readPass = rebuildPass;
@@ -524,11 +525,11 @@ void DSPTree::visitUnits(Visit visit)
             visit(node);
         return;
     }
-    const int count = shapeRecords.size();
+    const int count = int(shapeRecords.size());
     for (int i = 0; i < count; ++i) {
         if (i + Prefetch::Distance < count)
-            Prefetch::object(shapeRecords.at(i + Prefetch::Distance).node);
-        const ShapeRecord& shape = shapeRecords.at(i);
+            Prefetch::object(shapeRecords[i + Prefetch::Distance].node);
+        const ShapeRecord& shape = shapeRecords[i];
         if (shape.first)
             visit(shape.node);
     }

@@ -10,6 +10,8 @@
 #include <QUuid>
 #include <QVector>
 
+#include <vector>
+
 class PacketReader;
 class ProfilerNetwork;
 
@@ -109,7 +111,7 @@ public:
     // the order in which a walk from the head meets the units.
     const DSPNode* getRecordUnit(int record) const
     {
-        return record >= 0 && record < shapeRecords.size() ? shapeRecords.at(record).node : nullptr;
+        return record >= 0 && record < int(shapeRecords.size()) ? shapeRecords[size_t(record)].node : nullptr;
     }
 
 signals:
@@ -154,7 +156,7 @@ private:
     void readDSPPrologue(PacketReader* in, int version);
     int countPacketUnits(const QByteArray& packet, int firstRecord, int version);
     void rebuildDSPGraph(const QByteArray& packet, int version, int firstRecord, int unitCount);
-    bool readUnit(const char** cursor, DSPNode* parent, QVector<PendingUnit>* pending);
+    bool readUnit(const char** cursor, DSPNode* parent, std::vector<PendingUnit>* pending);
     // Updates of the same network (dspnettreeupdate.cpp).
     bool updateInPlace(const QByteArray& packet, int version, int firstRecord);
     bool stageValues(const QByteArray& packet, int version, int firstRecord);
@@ -184,7 +186,10 @@ private:
     // The network as last built, for recognising an update of the same
     // network. shapeNodes shares nodesById's data until someone changes
     // the table, which is how a table edited by hand is told apart.
-    QVector<ShapeRecord> shapeRecords;
+    // Standard vectors here and for the walk's stack: a rebuild appends to
+    // them once per record, and their append is inlined where QVector's is
+    // a call.
+    std::vector<ShapeRecord> shapeRecords;
     QHash<unsigned long long, DSPNode*> shapeNodes;
     QByteArray shapePacket;
     int shapeFirstRecord = 0;
@@ -202,7 +207,7 @@ private:
 
     // The records of the network being replaced, while a rebuild runs, and
     // the one expected to come next.
-    QVector<ShapeRecord> previousRecords;
+    std::vector<ShapeRecord> previousRecords;
     int reuseCursor = 0;
     // Per record of previousRecords: whether the rebuild read its unit.
     QVector<bool> previousRead;

@@ -14,8 +14,8 @@ using namespace DSPRecords;
 bool DSPTree::updateInPlace(const QByteArray& packet, int version, int firstRecord)
 {
     // A table or head changed by hand is not the network last built.
-    const bool sameModel = !shapeRecords.isEmpty() && nodesById.isSharedWith(shapeNodes)
-                           && root.inputs.size() == 1 && root.inputs.first().node == shapeRecords.first().node;
+    const bool sameModel = !shapeRecords.empty() && nodesById.isSharedWith(shapeNodes)
+                           && root.inputs.size() == 1 && root.inputs.first().node == shapeRecords.front().node;
     if (!sameModel || version != dspVersion || firstRecord != shapeFirstRecord)
         return false;
     if (!stageValues(packet, version, firstRecord))
@@ -42,11 +42,11 @@ bool DSPTree::stageValues(const QByteArray& packet, int version, int firstRecord
     const char* previous = shapePacket.constData() + shapeFirstRecord;
     staged.clear();
     stagedLevelCount = 0;
-    const int count = shapeRecords.size();
+    const int count = int(shapeRecords.size());
     for (int i = 0; i < count; ++i) {
         if (i + Prefetch::Distance < count)
-            Prefetch::object(shapeRecords.at(i + Prefetch::Distance).node);
-        const ShapeRecord& shape = shapeRecords.at(i);
+            Prefetch::object(shapeRecords[i + Prefetch::Distance].node);
+        const ShapeRecord& shape = shapeRecords[i];
         const char* record = cursor;
         const char* previousRecord = previous;
         previous += size;
@@ -134,10 +134,10 @@ void DSPTree::applyStagedValues(int version)
 void DSPTree::sumInclusiveUsage()
 {
     root.inclusiveUsage = 0;
-    for (int i = shapeRecords.size() - 1; i >= 0; --i) {
+    for (int i = int(shapeRecords.size()) - 1; i >= 0; --i) {
         if (i >= Prefetch::Distance)
-            Prefetch::object(shapeRecords.at(i - Prefetch::Distance).node);
-        const ShapeRecord& shape = shapeRecords.at(i);
+            Prefetch::object(shapeRecords[i - Prefetch::Distance].node);
+        const ShapeRecord& shape = shapeRecords[i];
         if (shape.first)
             shape.parent->inclusiveUsage += shape.node->inclusiveUsage;
     }
