@@ -280,17 +280,20 @@ private:
     // the same network and nothing else changed, the positions, lines and
     // boxes stand and only the figures of the placed units are copied. The
     // model itself refuses such an update once its table was edited by hand.
-    QVector<const DSPNode*> placedSources;
-    QVector<FinishedUnit> finishedUnits;
+    // These lists of the layout's own are standard vectors: the layout
+    // appends to them once per unit, and their append is inlined where
+    // QVector's is a call.
+    std::vector<const DSPNode*> placedSources;
+    std::vector<FinishedUnit> finishedUnits;
     // The drawn inputs of every unit on the layout's path, one stack for
     // all of them instead of a list per unit.
-    QVector<DSPNode::InputRecord> frameInputs;
+    std::vector<DSPNode::InputRecord> frameInputs;
     // How many entries of nodeList the running layout has placed.
     int placedCount = 0;
     // Whether the units can be asked for ahead in the model's record order.
     bool recordsAhead = false;
     // Entries of nodeList whose units send, in order.
-    QVector<int> senders;
+    std::vector<int> senders;
     // Off, send targets are found by going through the whole list: the
     // reference the lookup by entry must match.
     bool sendsByEntry = true;

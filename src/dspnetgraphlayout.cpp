@@ -59,7 +59,7 @@ void setGraphicalNode(DSPNetGraphicalNode* graphical, const DSPNode* node, QPoin
 template <typename List>
 void reserveForUnits(List* list, int units)
 {
-    if (list->capacity() < units)
+    if (qint64(list->capacity()) < units)
         list->reserve(units + units / 4);
 }
 
@@ -221,7 +221,7 @@ void DSPNetGraph::findSelectedUnit()
         return;
     }
     selectedFound = nullptr;
-    for (const FinishedUnit& unit : qAsConst(finishedUnits)) {
+    for (const FinishedUnit& unit : finishedUnits) {
         if (unit.node->id == selectedId && unit.node->groupId == selectedGroupId) {
             selectedFound = unit.node;
             selectedNewPosition = unit.position;
@@ -349,7 +349,7 @@ void DSPNetGraph::enterNode(std::vector<LayoutFrame>& stack, const DSPNode::Inpu
 
     bool allInputsNew = true;
     int shownCount = 0;
-    frame.inputStart = frameInputs.size();
+    frame.inputStart = int(frameInputs.size());
     frame.inputCount = drawnInputs(node, &allInputsNew, &shownCount);
     frame.excessive = allInputsNew && shownCount > 4;
     stack.push_back(frame);
@@ -394,7 +394,7 @@ void DSPNetGraph::finishNode(const DSPNode::InputRecord& record, QPoint position
                          connectionEndY(parentPosition.y(), index, count));
         addConnection(record, QLine(position.x(), position.y() + 22, end.x(), end.y()));
     }
-    finishedUnits.append({ record.node, position });
+    finishedUnits.push_back({ record.node, position });
     if (record.node->id == selectedId && record.node->groupId == selectedGroupId) {
         selectedFound = record.node;
         selectedNewPosition = position;
@@ -411,9 +411,9 @@ void DSPNetGraph::placeNode(const DSPNode* node, QPoint position)
     reclaimDisplayName(&graphical, node->name, laid);
     setGraphicalNode(&graphical, node, position);
     ++placedCount;
-    placedSources.append(node);
+    placedSources.push_back(node);
     if (node->sendTargetId != 0)
-        senders.append(placedCount - 1);
+        senders.push_back(placedCount - 1);
     if (node->groupId != 0) {
         addToGroupBox(node->groupId, QRect(position.x() - GroupInset, position.y() - GroupInset,
                                            NodeWidth + 2 * GroupInset,
@@ -452,7 +452,7 @@ void DSPNetGraph::reclaimDisplayName(DSPNetGraphicalNode* graphical, const QStri
 // were left before the excessive ones went.
 int DSPNetGraph::drawnInputs(const DSPNode* node, bool* allInputsNew, int* shownCount)
 {
-    const int start = frameInputs.size();
+    const int start = int(frameInputs.size());
     *allInputsNew = true;
     for (const DSPNode::InputRecord& input : node->inputs) {
         if (!input.node)
@@ -465,12 +465,12 @@ int DSPNetGraph::drawnInputs(const DSPNode* node, bool* allInputsNew, int* shown
         }
         if (!showInactiveInputs && !input.node->active)
             continue;
-        frameInputs.append(input);
+        frameInputs.push_back(input);
     }
-    *shownCount = frameInputs.size() - start;
+    *shownCount = int(frameInputs.size()) - start;
     if (!showExcessiveInputs && *allInputsNew)
         hideExcessiveInputs(start);
-    return frameInputs.size() - start;
+    return int(frameInputs.size()) - start;
 }
 
 // Keeps the first two and the last two inputs from `start` on; the ones
@@ -478,12 +478,12 @@ int DSPNetGraph::drawnInputs(const DSPNode* node, bool* allInputsNew, int* shown
 // the pass.
 void DSPNetGraph::hideExcessiveInputs(int start)
 {
-    const int count = frameInputs.size() - start;
+    const int count = int(frameInputs.size()) - start;
     if (count <= 4)
         return;
     for (int i = 2; i < count - 2; ++i)
         hideSubtree(frameInputs.at(start + i).node);
-    frameInputs.remove(start + 2, count - 4);
+    frameInputs.erase(frameInputs.begin() + start + 2, frameInputs.begin() + start + count - 2);
 }
 
 void DSPNetGraph::hideSubtree(const DSPNode* node)
@@ -552,7 +552,7 @@ void DSPNetGraph::processSends()
 // the only one with that id, if it is still that unit's.
 void DSPNetGraph::drawSendsByEntry()
 {
-    for (int sender : qAsConst(senders)) {
+    for (int sender : senders) {
         const DSPNetGraphicalNode& node = nodeList.at(sender);
         const DSPNode* target = tree->nodesById.value(node.sendTargetId, nullptr);
         if (!target)
