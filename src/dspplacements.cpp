@@ -39,15 +39,6 @@ void DSPPlacementTable::startPass(int units)
     }
 }
 
-bool DSPPlacementTable::find(const DSPNode* node, QPoint* position)
-{
-    const Row& row = rows[rowOf(node)];
-    if (row.pass != pass)
-        return false;
-    *position = row.position;
-    return true;
-}
-
 void DSPPlacementTable::insert(const DSPNode* node, QPoint position)
 {
     Row& row = rows[rowOf(node)];
@@ -75,11 +66,9 @@ QHash<int, QPoint> DSPPlacementTable::toHash() const
     return table;
 }
 
-int DSPPlacementTable::rowOf(const DSPNode* node)
+// A unit new to the table, to this generation of it, or to its key.
+int DSPPlacementTable::giveRow(const DSPNode* node, int key)
 {
-    const int key = keyOf(node->id);
-    if (node->viewGeneration == generation && node->viewKey == key)
-        return node->viewRow;
     const auto found = rowByKey.constFind(key);
     const int row = found != rowByKey.constEnd() ? found.value() : addRow(key);
     node->viewGeneration = generation;

@@ -22,7 +22,14 @@ public:
     // Forgets the last pass. `units` is the size of the network about to be
     // laid out: rows of keys long gone are given up once they outnumber it.
     void startPass(int units);
-    bool find(const DSPNode* node, QPoint* position);
+    bool find(const DSPNode* node, QPoint* position)
+    {
+        const Row& row = rows[size_t(rowOf(node))];
+        if (row.pass != pass)
+            return false;
+        *position = row.position;
+        return true;
+    }
     void insert(const DSPNode* node, QPoint position);
     // This pass's entries as the layout's public table shows them.
     QHash<int, QPoint> toHash() const;
@@ -36,7 +43,16 @@ public:
     static int keyOf(unsigned long long id) { return static_cast<int>(static_cast<quint32>(id)); }
 
 private:
-    int rowOf(const DSPNode* node);
+    // Inline: the layout asks several times per unit, and nearly always
+    // the unit remembers its row.
+    int rowOf(const DSPNode* node)
+    {
+        const int key = keyOf(node->id);
+        if (node->viewGeneration == generation && node->viewKey == key)
+            return node->viewRow;
+        return giveRow(node, key);
+    }
+    int giveRow(const DSPNode* node, int key);
     int addRow(int key);
     void forgetRows();
 
