@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 namespace DSPRecords
 {
@@ -251,13 +252,14 @@ int countUnits(const QByteArray& packet, int firstRecord, int version, UnitSight
     sightings->start(qMax(0, packet.size() - firstRecord) / layout.size + 1);
     int units = 0;
     PacketReader in(packet, firstRecord);
-    QVector<int> childrenLeft { 1 };
-    while (!childrenLeft.isEmpty()) {
-        if (childrenLeft.last() == 0) {
-            childrenLeft.removeLast();
+    // A standard vector: one push per unit with children, inlined.
+    std::vector<int> childrenLeft { 1 };
+    while (!childrenLeft.empty()) {
+        if (childrenLeft.back() == 0) {
+            childrenLeft.pop_back();
             continue;
         }
-        --childrenLeft.last();
+        --childrenLeft.back();
         const char* record = in.bytes(layout.size);
         if (!record)
             return -1;
@@ -270,7 +272,7 @@ int countUnits(const QByteArray& packet, int firstRecord, int version, UnitSight
             continue;
         ++units;
         if (children > 0)
-            childrenLeft.append(children);
+            childrenLeft.push_back(children);
     }
     return units;
 }
