@@ -13,17 +13,13 @@ namespace
 StallMeter* measuring = nullptr;
 GPollFunc originalPoll = nullptr;
 
-// Only a poll that may wait ends a span. The loop polls without waiting
-// when a source is ready already, and posted events go before the window's
-// input: a layout posted after a decode keeps a key press waiting for both.
 gint pollAndMeasure(GPollFD* fds, guint count, gint timeout)
 {
-    const bool mayWait = timeout != 0;
-    if (measuring && mayWait)
-        measuring->waitStarts();
+    if (measuring)
+        measuring->pollStarts();
     const gint result = originalPoll(fds, count, timeout);
-    if (measuring && mayWait)
-        measuring->waitEnded();
+    if (measuring)
+        measuring->pollEnded(timeout, result);
     return result;
 }
 
@@ -60,6 +56,7 @@ void StallMeter::restart()
     spansUs.clear();
     clock.start();
     lastNs = 0;
+    turns = StallTurns();
     if (loopIsGLib() && !measuring) {
         GMainContext* context = g_main_context_default();
         originalPoll = g_main_context_get_poll_func(context);
@@ -79,16 +76,15 @@ void StallMeter::stop()
     measuring = nullptr;
 }
 
-void StallMeter::waitStarts()
+void StallMeter::pollStarts()
 {
-    if (lastNs >= 0)
-        record(clock.nsecsElapsed() - lastNs);
-    lastNs = -1;
+    turns.pollStarts(clock.nsecsElapsed());
 }
 
-void StallMeter::waitEnded()
+void StallMeter::pollEnded(int timeout, int ready)
 {
-    lastNs = clock.nsecsElapsed();
+    if (turns.pollEnded(clock.nsecsElapsed(), timeout, ready))
+        record(turns.getSpanNs());
 }
 
 void StallMeter::slotTick()

@@ -7,15 +7,16 @@
 #include <QTimer>
 #include <QVector>
 
-// How long the event loop keeps a user waiting: each span from the loop's
-// waking up to its next wait for events with nothing left to do. A key
-// pressed in between waits for the rest of the span, so a paint, a decode
-// or a layout that holds the loop for 200 ms shows as one 200 ms span,
-// whatever the CPU share over a second says. The spans come from wrapping
-// the GLib main context's poll, which adds no wakeups of its own. Where the
-// loop is not GLib's, a 10 ms timer stands in and each interval's overrun
-// is the span; that timer wakes the loop 100 times a second, and its cost
-// shows in the CPU figures.
+#include "stallturns.h"
+
+// How long the event loop keeps a user waiting: for each span between two
+// waits for events, the longest a key pressed in it could wait (StallTurns).
+// A paint, a decode or a layout that holds the loop for 200 ms shows as a
+// 200 ms stall, whatever the CPU share over a second says. The turns come
+// from wrapping the GLib main context's poll, which adds no wakeups of its
+// own. Where the loop is not GLib's, a 10 ms timer stands in and each
+// interval's overrun is the span; that timer wakes the loop 100 times a
+// second, and its cost shows in the CPU figures.
 class StallMeter : public QObject
 {
     Q_OBJECT
@@ -38,9 +39,9 @@ public:
     // One line for logs and scripts: "stall max=X p99=Y spans=N".
     QString getSummary() const;
 
-    // Called by the poll wrapper around each wait.
-    void waitStarts();
-    void waitEnded();
+    // Called by the poll wrapper around each poll, with its timeout and result.
+    void pollStarts();
+    void pollEnded(int timeout, int ready);
 
 private slots:
     void slotTick();
@@ -50,6 +51,8 @@ private:
 
     QTimer timer;
     QElapsedTimer clock;
+    StallTurns turns;
+    // The timer's last tick.
     qint64 lastNs = -1;
     // Spans in microseconds.
     QVector<qint32> spansUs;
