@@ -46,6 +46,7 @@ class TestProfilerNetwork : public QObject
 private slots:
     void dataRequestsAndUserDisconnect();
     void largePacketInPieces();
+    void packetsReadTogetherAreAnnouncedOnce();
     void brokenSizeIsASocketError_data();
     void brokenSizeIsASocketError();
     void closedOrSilentTargetReconnects();
@@ -104,6 +105,23 @@ void TestProfilerNetwork::largePacketInPieces()
     const int zeros = int(ProfilerNetwork::MaxPacketSize) - 12;
     queue.receiveBytes(PacketBuilder(1, 0, 6).zeros(zeros).finish() + PacketBuilder(7, 0, 0).zeros(zeros).finish());
     QVERIFY(queue.getNumWaitingPackets(1, 0) == 1 && queue.getNumWaitingPackets(7, 0) == 1);
+}
+
+// The history packets of one update each reach the line graphs; an
+// announcement per packet would repaint them once per packet.
+void TestProfilerNetwork::packetsReadTogetherAreAnnouncedOnce()
+{
+    Link link;
+    QVERIFY(link.connect());
+    const QByteArray network = PacketBuilder(1, 0, 6).zeros(5000).finish();
+    link.target.send(cpuPacket(1.0f) + network + cpuPacket(2.0f) + cpuPacket(3.0f) + network);
+    QThread::msleep(300);
+    QVERIFY(QTest::qWaitFor([&] { return link.network.getNumWaitingPackets(3, 0) == 3; }, 5000));
+    QCOMPARE(link.ready.count(), 1);
+    QCOMPARE(link.network.getNumWaitingPackets(1, 0), 2);
+    for (float value : { 1.0f, 2.0f, 3.0f })
+        QCOMPARE(link.network.getPacket(3, 0), cpuPacket(value));
+    QCOMPARE(link.network.getPacket(1, 0), network);
 }
 
 void TestProfilerNetwork::brokenSizeIsASocketError_data()
