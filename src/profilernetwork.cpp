@@ -5,6 +5,8 @@
 #include <QTcpSocket>
 #include <QTimer>
 
+#include <limits>
+
 namespace
 {
 
@@ -258,39 +260,69 @@ void ProfilerNetwork::slotPacketArrived()
     }
 }
 
+// The rest of a packet begun in an earlier pass is read up to its end
+// first. Its buffer has room for exactly that: bytes beyond it would make
+// the buffer grow, a copy of it all, and the packet then be cut out of it,
+// another. All that a pass read is announced once.
+void ProfilerNetwork::readFromSocket()
+{
+    qint64 wanted = qMin(socket->bytesAvailable(), MaxReadPerPass);
+    if (!received.isEmpty() && wanted > 0) {
+        const qint64 chunk = qMin(wanted, packetBytesLeft());
+        readIntoReceived(chunk);
+        if (!frameReceivedBytes())
+            return;
+        wanted -= chunk;
+    }
+    if (wanted > 0) {
+        readIntoReceived(wanted);
+        if (!frameReceivedBytes())
+            return;
+    }
+    announcePackets();
+}
+
 // The socket hands over a block it holds whole without copying it, and an
 // empty receive buffer takes it by reference: a snapshot read in one go
 // becomes a packet with no copy at all. Behind a partial packet the bytes go
 // straight to the end of the buffer instead, which has room for the rest.
-void ProfilerNetwork::readFromSocket()
+void ProfilerNetwork::readIntoReceived(qint64 count)
 {
-    const qint64 wanted = qMin(socket->bytesAvailable(), MaxReadPerPass);
     if (recorder || received.isEmpty()) {
-        const QByteArray bytes = socket->read(wanted);
+        const QByteArray bytes = socket->read(count);
         if (recorder && !bytes.isEmpty())
             recorder->appendReceived(bytes);
-        receiveBytes(bytes);
+        received.append(bytes);
         return;
     }
     const int kept = received.size();
-    if (wanted > 0) {
-        received.resize(kept + int(wanted));
-        const qint64 read = socket->read(received.data() + kept, wanted);
-        received.resize(kept + int(qMax<qint64>(read, 0)));
-    }
-    takeReceivedBytes();
+    received.resize(kept + int(count));
+    const qint64 read = socket->read(received.data() + kept, count);
+    received.resize(kept + int(qMax<qint64>(read, 0)));
+}
+
+// What is left of the packet in progress, or all there is when its size is
+// not known yet or is one the framing refuses.
+qint64 ProfilerNetwork::packetBytesLeft() const
+{
+    const qint64 unknown = std::numeric_limits<qint64>::max();
+    if (received.size() < int(sizeof(quint32)))
+        return unknown;
+    const quint32 size = qFromLittleEndian<quint32>(received.constData());
+    if (size < quint32(TARN::ProfilePacketHeaderSize) || size > MaxPacketSize || size <= quint32(received.size()))
+        return unknown;
+    return qint64(size) - received.size();
 }
 
 void ProfilerNetwork::receiveBytes(const QByteArray& bytes)
 {
     received.append(bytes);
-    takeReceivedBytes();
+    if (frameReceivedBytes())
+        announcePackets();
 }
 
-void ProfilerNetwork::takeReceivedBytes()
+void ProfilerNetwork::announcePackets()
 {
-    if (!frameReceivedBytes())
-        return;
     if (packetList->empty())
         return;
     if (paused) {

@@ -106,7 +106,9 @@ private:
     bool writeToTarget(const char* bytes, qint64 size);
     void failWithSocketError();
     void readFromSocket();
-    void takeReceivedBytes();
+    void readIntoReceived(qint64 count);
+    qint64 packetBytesLeft() const;
+    void announcePackets();
     bool frameReceivedBytes();
     void appendPacket(const QByteArray& packet);
     void dropOldestPacket();
