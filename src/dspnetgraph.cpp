@@ -32,7 +32,8 @@ int findOwnIndex(QVector<DSPGroupGraphicalNode>& groups, unsigned long long id)
 }
 
 DSPNetGraph::DSPNetGraph(DSPTree* tree, QWidget* parent, Qt::WindowFlags flags)
-    : QWidget(parent, flags), tree(tree), refreshTimer(new QTimer(this)), layoutTimer(new QTimer(this))
+    : QWidget(parent, flags), tree(tree), refreshTimer(new QTimer(this)), layoutTimer(new QTimer(this)),
+      layoutStartTimer(new QTimer(this))
 {
     createDrawingResources();
     refreshTimer->setSingleShot(true);
@@ -43,6 +44,13 @@ DSPNetGraph::DSPNetGraph(DSPTree* tree, QWidget* parent, Qt::WindowFlags flags)
     layoutTimer->setTimerType(Qt::PreciseTimer);
     layoutTimer->setInterval(1);
     connect(layoutTimer, &QTimer::timeout, this, &DSPNetGraph::slotProcessTree);
+    // Started in the decode's own turn, the layout's timer could come due
+    // before that turn ends (the packet's other slots, the paints posted
+    // meanwhile) and run in the next turn, ahead of the input that came
+    // during the decode. So it starts once the loop has come round.
+    layoutStartTimer->setSingleShot(true);
+    layoutStartTimer->setInterval(0);
+    connect(layoutStartTimer, &QTimer::timeout, layoutTimer, QOverload<>::of(&QTimer::start));
     connect(tree, &DSPTree::dspNetTreeUpdated, this, &DSPNetGraph::slotTreeUpdated);
     updateGraphicSize();
 }
@@ -52,13 +60,14 @@ DSPNetGraph::~DSPNetGraph() = default;
 void DSPNetGraph::slotTreeUpdated()
 {
     if (tree->nodesById.size() < DeferredLayoutUnits) {
+        layoutStartTimer->stop();
         layoutTimer->stop();
         slotProcessTree();
         return;
     }
     // Updates that come before the layout runs are laid out by it.
-    if (!layoutTimer->isActive())
-        layoutTimer->start();
+    if (!layoutTimer->isActive() && !layoutStartTimer->isActive())
+        layoutStartTimer->start();
 }
 
 void DSPNetGraph::refresh()

@@ -309,6 +309,8 @@ private:
     // both.
     static constexpr int DeferredLayoutUnits = 20000;
     QTimer* layoutTimer;
+    // Starts layoutTimer once the loop has come round (a zero timer).
+    QTimer* layoutStartTimer;
     // The selection the layout last looked for, and what it found.
     struct SelectionSearch
     {

@@ -16,6 +16,7 @@
 #include <QScrollBar>
 #include <QSpinBox>
 #include <QTemporaryDir>
+#include <QThread>
 #include <QTimer>
 
 #include <tuple>
@@ -706,6 +707,13 @@ private slots:
         QCOMPARE(placed(model.graph), QStringLiteral("1@10,10 2@210,10 3@410,10"));
         model.network.receiveBytes(dspChainV6(20002));
         QTRY_COMPARE(model.graph.nodeList.size(), 20002);
+        // The turn that decoded it may run on after the decode; the layout still waits for a turn after
+        // that one, which takes the input that came meanwhile first.
+        model.network.receiveBytes(dspChainV6(20003));
+        QThread::msleep(5);
+        QCoreApplication::processEvents();
+        QCOMPARE(model.graph.nodeList.size(), 20002);
+        QTRY_COMPARE(model.graph.nodeList.size(), 20003);
     }
 };
 
