@@ -38,16 +38,16 @@ DSPNetGraph::DSPNetGraph(DSPTree* tree, QWidget* parent, Qt::WindowFlags flags)
     createDrawingResources();
     refreshTimer->setSingleShot(true);
     connect(refreshTimer, &QTimer::timeout, this, QOverload<>::of(&QWidget::update));
-    // A timer that is not yet due lets the event loop take the input that
-    // came meanwhile first; a posted call or a zero timer would run ahead of it.
+    // A large network's layout runs on a timer that is not yet due when the
+    // loop comes round, so the input that came during the decode goes first;
+    // a posted call or a due timer would run ahead of it. Started in the
+    // decode's own turn, it could come due before that turn ends (the
+    // packet's other slots, paints posted meanwhile), so a zero timer starts
+    // it from the next turn.
     layoutTimer->setSingleShot(true);
     layoutTimer->setTimerType(Qt::PreciseTimer);
     layoutTimer->setInterval(1);
     connect(layoutTimer, &QTimer::timeout, this, &DSPNetGraph::slotProcessTree);
-    // Started in the decode's own turn, the layout's timer could come due
-    // before that turn ends (the packet's other slots, the paints posted
-    // meanwhile) and run in the next turn, ahead of the input that came
-    // during the decode. So it starts once the loop has come round.
     layoutStartTimer->setSingleShot(true);
     layoutStartTimer->setInterval(0);
     connect(layoutStartTimer, &QTimer::timeout, layoutTimer, QOverload<>::of(&QTimer::start));
