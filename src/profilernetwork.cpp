@@ -33,6 +33,13 @@ const int IdleTimeoutMs = 3000;
 const QString ReplayCommandStatus = QStringLiteral("Replay: commands are not sent to a target.");
 const QString ReplayBrokenStatus = QStringLiteral("Replay stopped: the recorded bytes do not form valid packets.");
 
+// A size below the header's own would never consume anything and spin the
+// framing; one above the bound would buffer without limit.
+bool isFramedSize(quint32 size)
+{
+    return size >= quint32(TARN::ProfilePacketHeaderSize) && size <= ProfilerNetwork::MaxPacketSize;
+}
+
 quint16 packetKey(unsigned char type, unsigned char subtype)
 {
     return quint16(type << 8 | subtype);
@@ -309,7 +316,7 @@ qint64 ProfilerNetwork::packetBytesLeft() const
     if (received.size() < int(sizeof(quint32)))
         return unknown;
     const quint32 size = qFromLittleEndian<quint32>(received.constData());
-    if (size < quint32(TARN::ProfilePacketHeaderSize) || size > MaxPacketSize || size <= quint32(received.size()))
+    if (!isFramedSize(size) || size <= quint32(received.size()))
         return unknown;
     return qint64(size) - received.size();
 }
@@ -340,9 +347,7 @@ bool ProfilerNetwork::frameReceivedBytes()
     int offset = 0;
     while (received.size() - offset >= TARN::ProfilePacketHeaderSize) {
         const quint32 size = qFromLittleEndian<quint32>(received.constData() + offset);
-        // A size below the header's own would never consume anything and
-        // spin here; one above the bound would buffer without limit.
-        if (size < quint32(TARN::ProfilePacketHeaderSize) || size > MaxPacketSize) {
+        if (!isFramedSize(size)) {
             failWithSocketError();
             return false;
         }
